@@ -1,0 +1,70 @@
+// Mixing core: the mix input ring indexed by RTP time, the gain matrix of
+// 16 outputs by 48 inputs, and the per-block mixing step.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+inline constexpr int MIX_INP_MAX = 48;          // mix inputs = flows
+inline constexpr int MIX_OUT_MAX = 16;          // named mix outputs
+inline constexpr int MIX_BLOCK = 48;            // samples per block
+inline constexpr uint32_t MIX_RING_MASK = 8191; // ring slots - 1
+inline constexpr int MIX_OUT_UNUSED = 48;       // mode: no input
+inline constexpr int MIX_OUT_MULTI = -1;        // mode: two or more inputs
+inline constexpr int MIX_ID_LEN = 65;
+
+struct mixout {
+    int32_t mode;             // MIX_OUT_UNUSED, MIX_OUT_MULTI or the one input
+    char id[MIX_ID_LEN];      // mix name; empty = free
+    float stats_audio_sample; // peak register, reset by the report
+};
+
+// The ring: sample of input i at RTP time t is mix_inp[(t & 8191) * 48 + i].
+// mix_inp points at the first 32 KiB boundary inside mix_inp_storage.
+extern float mix_inp_storage[786432];
+extern float *mix_inp;
+extern float mix_gain[MIX_OUT_MAX][MIX_INP_MAX];
+extern mixout mixouts[MIX_OUT_MAX];
+// 96 rows x 16 columns: rows 0..47 the last mixed block (sample k of output
+// o at [k * 16 + o]); rows 48..95 scratch for a sound-card limiter's output.
+extern float mix_out[96 * MIX_OUT_MAX];
+
+extern const float float_to_int16; // 32767.0
+extern const float float_to_int24; // 8388607.0
+extern const float float_to_int32; // 2147483648.0
+extern const float int16_to_float; // 1/32767, bits 0x38000100
+extern const float int24_to_float; // 1/8388607, bits 0x34000001
+extern const float int32_to_float; // 2^-31, bits 0x30000000
+
+// [init] Aligns mix_inp inside mix_inp_storage.
+void mix_inp_init();
+// [init] Clears the gains and outputs; every output's mode becomes 48.
+void mix_init();
+// [rt] The ring slot of input i at RTP time t.
+inline float *mix_slot(uint32_t t, int i) noexcept
+{ return mix_inp + (t & MIX_RING_MASK) * MIX_INP_MAX + i; }
+
+float int16_norm(int32_t x) noexcept;
+float int24_norm(int32_t x) noexcept;
+// x * 8388607 as int32, truncated toward zero, saturating.
+int32_t f2int24(float x) noexcept;
+// x * 32767 as int32 (truncated, saturating), then its low 16 bits.
+int16_t f2int16(float x) noexcept;
+// Float to int32, truncated toward zero, saturating at the int32 range.
+int32_t f2int32_sat(float x) noexcept;
+
+// [sup][rt] 10^(dB * 0.05) in double precision, rounded to float.
+float dB2lin(float dB);
+// [sup] Sets one gain and recomputes that output's mode.
+void mix_gain_set(int imix_out, int imix_inp, float g);
+// [sup] Recomputes mixouts[imix].mode from row imix of mix_gain.
+void calc_mix_mode(int imix);
+// [rt] Dot product of n floats (n a multiple of 8) in the fixed order of
+// two 4-lane accumulators; NEON where available, bit-identical portable
+// code elsewhere.
+float vector64(const float *a, const float *b, size_t n) noexcept;
+float vector64_portable(const float *a, const float *b, size_t n) noexcept;
+// Name of the vector implementation in use, for the start-up line.
+extern const char *const vector64_impl;
+// [rt] Mixes the block at rtp_ts into mix_out rows 0..47 and clears the
+// consumed ring rows.
+void do_dsp(uint32_t rtp_ts) noexcept;

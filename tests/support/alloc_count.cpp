@@ -1,0 +1,54 @@
+#include "support/alloc_count.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+static std::atomic<bool> counting;
+static std::atomic<long> count;
+
+void alloc_count_start()
+{
+    count = 0;
+    counting = true;
+}
+
+long alloc_count_stop()
+{
+    counting = false;
+    return count;
+}
+
+#if !defined(__SANITIZE_ADDRESS__)
+extern "C" void *__libc_malloc(size_t);
+extern "C" void *__libc_calloc(size_t, size_t);
+
+extern "C" void *malloc(size_t n)
+{
+    if (counting)
+        count++;
+    return __libc_malloc(n);
+}
+
+extern "C" void *calloc(size_t n, size_t m)
+{
+    if (counting)
+        count++;
+    return __libc_calloc(n, m);
+}
+#endif
+
+void *operator new(size_t n)
+{
+    if (counting)
+        count++;
+    void *p = malloc(n ? n : 1);
+    if (!p)
+        std::abort();
+    return p;
+}
+void *operator new[](size_t n) { return operator new(n); }
+void operator delete(void *p) noexcept { free(p); }
+void operator delete[](void *p) noexcept { free(p); }
+void operator delete(void *p, size_t) noexcept { free(p); }
+void operator delete[](void *p, size_t) noexcept { free(p); }
