@@ -101,7 +101,7 @@ static int remove_stale_sources(src_graveyard *g)
     rtp_src **link = &rtp_srcs;
     while (rtp_src *s = *link) {
         const src *p = nullptr;
-        for (int i = 0; i < srcs_used && !p; i++)
+        for (int i = 0; i < srcs_used && i < SRCS_MAX && !p; i++)
             if (rtp_src_cmp(s, &srcs[i]) == 0)
                 p = &srcs[i];
         if (p) {
@@ -188,7 +188,7 @@ void pelod_update_rtp_sources()
         mixs_prune();
     graveyard_flush(&gone);
 
-    for (int i = 0; i < srcs_used; i++) {
+    for (int i = 0; i < srcs_used && i < SRCS_MAX; i++) {
         const src *p = &srcs[i];
         rtp_src **tail = &rtp_srcs;
         rtp_src *s = nullptr;

@@ -7,7 +7,6 @@
 #include <ctime>
 #include <gtest/gtest.h>
 #include <map>
-#include <opus/opus.h>
 #include <sstream>
 #include <unistd.h>
 #include <vector>
@@ -50,20 +49,18 @@ struct rtp_sender {
     ~rtp_sender() { close(fd); }
     void send(uint8_t pt, uint16_t seq, uint32_t ts, uint32_t ssrc, const std::vector<uint8_t> &payload)
     {
-        std::vector<uint8_t> p = {0x80, pt, uint8_t(seq >> 8), uint8_t(seq), uint8_t(ts >> 24), uint8_t(ts >> 16),
-                                  uint8_t(ts >> 8), uint8_t(ts), uint8_t(ssrc >> 24), uint8_t(ssrc >> 16),
-                                  uint8_t(ssrc >> 8), uint8_t(ssrc)};
+        std::vector<uint8_t> p = {0x80, pt, uint8_t(seq >> 8), uint8_t(seq)};
+        for (uint32_t w : {ts, ssrc})
+            for (int sh = 24; sh >= 0; sh -= 8)
+                p.push_back(uint8_t(w >> sh));
         p.insert(p.end(), payload.begin(), payload.end());
         sendto(fd, p.data(), p.size(), 0, reinterpret_cast<sockaddr *>(&dst), sizeof dst);
     }
     // Paces the stream on the monotonic clock, as a real sender would.
     void wait_ns(long ns)
     {
-        next.tv_nsec += ns;
-        while (next.tv_nsec >= 1000000000) {
-            next.tv_nsec -= 1000000000;
-            next.tv_sec++;
-        }
+        next.tv_sec += (next.tv_nsec + ns) / 1000000000;
+        next.tv_nsec = (next.tv_nsec + ns) % 1000000000;
         clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
     }
 };
@@ -181,44 +178,6 @@ TEST_F(PelodListen, ReportsPacketsGapsLevelsDelayAndWritesTheTimelineToWav)
         ASSERT_EQ(d[100 * 48 * 6 + i], 0) << i;
 }
 
-TEST_F(PelodListen, DecodesOpusToTheSentLevel)
-{
-    start({"-q", "-n", "50", "-t", "5", "-f", "opus"});
-    int err = 0;
-    OpusEncoder *enc = opus_encoder_create(48000, 1, OPUS_APPLICATION_AUDIO, &err);
-    ASSERT_NE(enc, nullptr);
-    rtp_sender tx(port);
-    std::vector<float> frame(480);
-    for (int k = 0; k < 480; k++)
-        frame[size_t(k)] = float(0.5 * std::sin(2 * M_PI * k / 48.0));
-    for (int seq = 0; seq < 50; seq++) {
-        tx.wait_ns(2000000);
-        std::vector<uint8_t> pl(1500);
-        const int n = opus_encode_float(enc, frame.data(), 480, pl.data(), int(pl.size()));
-        ASSERT_GT(n, 2);
-        pl.resize(size_t(n));
-        tx.send(100, uint16_t(seq), 480u * uint32_t(seq), 7, pl);
-    }
-    opus_encoder_destroy(enc);
-    ASSERT_EQ(tool.wait(3000), 0) << tool.err();
-    const auto s = summary_of(tool.out());
-    EXPECT_EQ(s.at("format"), "opus");
-    EXPECT_EQ(s.at("channels"), "1"); // from the packets' TOC byte
-    EXPECT_EQ(s.at("ptime"), "480");
-    EXPECT_EQ(s.at("bad"), "0");
-    // the encoder's first frames ramp up; over 0.5 s the level is within a dB
-    EXPECT_NEAR(numbers(s.at("rms_dbfs"))[0], -9.03, 1.0);
-}
-
-TEST_F(PelodListen, ReportsEverySecondAndExitsTwoWhenNothingArrives)
-{
-    start({"-t", "1.3"});
-    EXPECT_EQ(tool.wait(3000), 2);
-    const std::string out = tool.out();
-    EXPECT_NE(out.find("t=1 pkts=0 lost=0"), std::string::npos) << out;
-    EXPECT_EQ(summary_of(out).at("packets"), "0");
-}
-
 TEST(PelodListenUsage, HelpAndBadArguments)
 {
     run_result r = run_prog({listen_bin, "--help"});
@@ -235,6 +194,10 @@ TEST(PelodListenUsage, HelpAndBadArguments)
     EXPECT_EQ(r.status, 1);
     r = run_prog({listen_bin, "127.0.0.1:99999"});
     EXPECT_EQ(r.status, 1);
+    r = run_prog({listen_bin, "-t", "1.2", "127.0.0.1:" + std::to_string(free_udp_port())});
+    EXPECT_EQ(r.status, 2); // nothing arrived
+    EXPECT_NE(r.out.find("t=1 pkts=0 lost=0"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("summary packets=0 "), std::string::npos) << r.out;
 }
 
 } // namespace
