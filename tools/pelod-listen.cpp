@@ -1,5 +1,5 @@
 // pelod-listen: receives one RTP stream (L24, L16 or Opus; unicast, any-source
-// or source-specific multicast) and reports once a second what arrives:
+// or SSM multicast) and reports once a second what arrives:
 // packets, sequence gaps, the level of each channel and how far the stream's
 // RTP timestamps lie behind the media clock. Optionally writes the audio to
 // a WAV file. Ends after a duration or a packet count, or on Ctrl-C, with a
@@ -65,7 +65,7 @@ void usage(const char *prog)
            "                       (L24/48000/2, opus/1). Default: by payload type\n"
            "                       (96..118 as the daemon maps them; 144-byte payloads\n"
            "                       are mono L24)\n"
-           "  -s, --source=ADDR    take the stream only from ADDR (source-specific\n"
+           "  -s, --source=ADDR    take the stream only from ADDR (an SSM\n"
            "                       membership for a multicast group)\n"
            "  -i, --interface=ADDR interface address for the multicast membership\n"
            "  -p, --phc-dev=DEV    media clock from a PTP hardware clock (/dev/ptp0);\n"

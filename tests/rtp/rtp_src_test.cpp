@@ -353,8 +353,8 @@ protected:
         const int probe = mix_ref("probe");
         mix_init();
         rtp_ep ep{};
-        const rtp_ep_spec spec{loopback(5004), loopback(0), 0};
-        rtp_ep_open(&ep, &spec, nullptr);
+        const rtp_ep_spec eps{loopback(5004), loopback(0), 0};
+        rtp_ep_open(&ep, &eps, nullptr);
         const bool open = ep.sa_dst.sin_family == AF_INET;
         rtp_ep_close(&ep);
         return probe >= 0 && open;
