@@ -2,6 +2,7 @@
 // ALSA_CONFIG_PATH as a file plugin over the null device: playback goes to
 // a file, capture comes from a file, and the device never fills or drains.
 #include "audio/alsa.h"
+#include "support/emulation.h"
 #include "support/proc.h"
 
 #include <array>
@@ -138,6 +139,7 @@ bool file_grows(void *arg)
 
 TEST_F(AlsaFilePlugin, DaemonKeepsCyclingAndStopsPromptly)
 {
+    SKIP_UNDER_EMULATION();
     const std::string conf = tmp_file("# no routes\n");
     bg_proc p;
     ASSERT_TRUE(p.start({PELOD_BIN, "-p", "-", "-f", conf}));
