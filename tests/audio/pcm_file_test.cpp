@@ -153,7 +153,29 @@ TEST_F(AlsaFilePlugin, DaemonKeepsCyclingAndStopsPromptly)
     const std::string raw = read_file(play_path);
     EXPECT_EQ(raw.find_first_not_of('\0'), std::string::npos);
     unlink(conf.c_str());
-    const std::string base = conf.substr(5, conf.size() - 5 - 5); // "/tmp/" ... ".conf"
-    unlink(("/tmp/" + base + ".stat").c_str());
+    unlink(("/tmp/" + conf.substr(5, conf.size() - 10) + ".stat").c_str()); // the report
+}
+
+// A card that cannot be opened: one message, and the daemon runs on.
+TEST_F(AlsaFilePlugin, DaemonRunsWithoutACard)
+{
+    SKIP_UNDER_EMULATION();
+    const std::string broken = "pcm.!hw { @args [ CARD DEV SUBDEV ] @args.CARD { type string } "
+                               "@args.DEV { type integer } @args.SUBDEV { type integer } "
+                               "type plug slave.pcm \"pelod_no_such_device\" }\n";
+    write_file(conf_path, broken.data(), broken.size());
+    const std::string conf = tmp_file("# no routes\n");
+    bg_proc p;
+    ASSERT_TRUE(p.start({PELOD_BIN, "-p", "-", "-f", conf}));
+    usleep(300000);
+    p.signal(SIGTERM);
+    EXPECT_EQ(p.wait(2000), 0);
+    const std::string err = p.err();
+    const size_t at = err.find("Cannot open playback device hw:0,0 (");
+    EXPECT_NE(at, std::string::npos) << err;
+    EXPECT_EQ(err.find("Cannot open", at + 1), std::string::npos) << err;
+    EXPECT_NE(err.find("DSP exited with status 0"), std::string::npos) << err;
+    unlink(conf.c_str());
+    unlink(("/tmp/" + conf.substr(5, conf.size() - 10) + ".stat").c_str());
 }
 } // namespace
