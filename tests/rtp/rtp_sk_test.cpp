@@ -18,7 +18,7 @@
 namespace {
 in_addr_t ip(const char *a) { return inet_addr(a); }
 
-rtp_ep_spec ep_spec(const char *dst, int port, const char *bind, const char *ssm = "0.0.0.0")
+rtp_ep_spec endpoint(const char *dst, int port, const char *bind, const char *ssm = "0.0.0.0")
 {
     const sockaddr_in d{AF_INET, htons(uint16_t(port)), {ip(dst)}, {}}, b{AF_INET, d.sin_port, {ip(bind)}, {}};
     return {d, b, ip(ssm)};
@@ -78,10 +78,10 @@ protected:
 
 TEST_F(RtpSk, EqualBindSharesASocketBucketedByDestination)
 {
-    open(0, ep_spec("127.0.0.1", port, "127.0.0.1"));
-    open(1, ep_spec("0.0.0.0", port, "127.0.0.1")); // wildcard destination
-    open(2, ep_spec("127.0.0.1", port, "127.0.0.2"));
-    open(3, ep_spec("127.0.0.1", port, "255.255.255.255")); // no endpoint
+    open(0, endpoint("127.0.0.1", port, "127.0.0.1"));
+    open(1, endpoint("0.0.0.0", port, "127.0.0.1")); // wildcard destination
+    open(2, endpoint("127.0.0.1", port, "127.0.0.2"));
+    open(3, endpoint("127.0.0.1", port, "255.255.255.255")); // no endpoint
     EXPECT_EQ(sockets(), 2);
     EXPECT_EQ(sk(0), sk(1));
     EXPECT_EQ(sk(3), nullptr);
@@ -107,7 +107,7 @@ TEST_F(RtpSk, OutgoingStreamKeepsTheSocket)
 {
     rtp_src s{};
     rtp_srcs = &s;
-    const rtp_ep_spec e = ep_spec("127.0.0.1", port, "127.0.0.1");
+    const rtp_ep_spec e = endpoint("127.0.0.1", port, "127.0.0.1");
     rtp_ep_open(&s.ep, &e, nullptr);
     open(0, e);
     ASSERT_EQ(sk(0), s.ep.sk);
@@ -122,8 +122,8 @@ TEST_F(RtpSk, DebugLinesForSocketsAndBuckets)
 {
     debug = 1;
     testing::internal::CaptureStdout();
-    open(0, ep_spec("127.0.0.1", port, "127.0.0.1"));
-    open(1, ep_spec("0.0.0.0", port, "127.0.0.1"));
+    open(0, endpoint("127.0.0.1", port, "127.0.0.1"));
+    open(1, endpoint("0.0.0.0", port, "127.0.0.1"));
     debug_print_sk(sk(0));
     shut(0);
     shut(1);
@@ -141,7 +141,7 @@ TEST_F(RtpSk, DebugLinesForSocketsAndBuckets)
 TEST_F(RtpSk, SocketIsClosedOnlyAfterTheCycleBoundary)
 {
     SKIP_UNDER_EMULATION();
-    open(0, ep_spec("127.0.0.1", port, "127.0.0.1"));
+    open(0, endpoint("127.0.0.1", port, "127.0.0.1"));
     const int fd = sk(0)->fd;
     std::atomic<int> open_when_unlinked{-1};
     rt_set_alive(1);
@@ -199,9 +199,9 @@ protected:
 
 TEST_F(RtpSkMcast, OneSocketPerPortAndInterface)
 {
-    open(0, ep_spec("239.192.0.5", port, "10.9.0.1"));
-    open(1, ep_spec("239.192.0.37", port, "10.9.0.1"));
-    open(2, ep_spec("239.192.0.5", port, "10.9.1.1"));
+    open(0, endpoint("239.192.0.5", port, "10.9.0.1"));
+    open(1, endpoint("239.192.0.37", port, "10.9.0.1"));
+    open(2, endpoint("239.192.0.5", port, "10.9.1.1"));
     EXPECT_EQ(sockets(), 2);
     ASSERT_EQ(sk(0), sk(1));
     EXPECT_EQ(sk(0)->sa_bind.sin_addr.s_addr, INADDR_ANY);
@@ -216,9 +216,9 @@ TEST_F(RtpSkMcast, GroupIsJoinedOnceAndLeftWithTheLastEndpoint)
 {
     debug = 1;
     testing::internal::CaptureStdout();
-    open(0, ep_spec("239.192.0.5", port, "10.9.0.1"));
-    open(1, ep_spec("239.192.0.5", port, "10.9.0.1"));
-    open(2, ep_spec("239.192.0.6", port, "10.9.0.1"));
+    open(0, endpoint("239.192.0.5", port, "10.9.0.1"));
+    open(1, endpoint("239.192.0.5", port, "10.9.0.1"));
+    open(2, endpoint("239.192.0.6", port, "10.9.0.1"));
     const int fd = sk(0)->fd;
     shut(0);
     EXPECT_TRUE(arrives(fd, "239.192.0.5"));
@@ -233,13 +233,13 @@ TEST_F(RtpSkMcast, GroupIsJoinedOnceAndLeftWithTheLastEndpoint)
                                                           m + "- mgrp 239.192.0.6 #6" + m + "-" + s);
 }
 
-TEST_F(RtpSkMcast, SourceSpecificPairsAreSeparateMemberships)
+TEST_F(RtpSkMcast, SsmPairsAreSeparateMemberships)
 {
     debug = 1;
     testing::internal::CaptureStdout();
-    open(0, ep_spec("232.1.2.3", port, "10.9.0.1", "10.9.0.7"));
-    open(1, ep_spec("232.1.2.3", port, "10.9.0.1", "10.9.0.7"));
-    open(2, ep_spec("232.1.2.3", port, "10.9.0.1", "10.9.0.8"));
+    open(0, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.7"));
+    open(1, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.7"));
+    open(2, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.8"));
     shut(2);
     const std::string filters = sh("cat /proc/net/mcfilter");
     EXPECT_NE(filters.find("0xe8010203 0x0a090007      1"), std::string::npos);
