@@ -10,7 +10,11 @@
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <type_traits>
 #include <unistd.h>
+
+static_assert(VOX_MSG_MAX >= 8 + RTP_DST_MAX * (int(sizeof rtp_dst::src) - 1 + 3) + 2);
+static_assert(std::is_standard_layout_v<pelod_vox_cfg> && std::is_trivially_copyable_v<pelod_vox_cfg>);
 
 int vox_notify_pending;
 

@@ -19,7 +19,10 @@
 #include <sys/socket.h>
 #include <sys/timex.h>
 #include <syslog.h>
+#include <type_traits>
 #include <unistd.h>
+
+static_assert(std::is_standard_layout_v<pelostats_t> && std::is_trivially_copyable_v<pelostats_t>);
 
 pelostats_t pelostats;
 char pelostats_tmp_name[PELOSTATS_NAME_LEN];
