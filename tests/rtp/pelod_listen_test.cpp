@@ -1,4 +1,5 @@
 // The listener tool, fed by a sender in the test over 127.0.0.1.
+#include "support/emulation.h"
 #include "support/proc.h"
 
 #include <arpa/inet.h>
@@ -102,6 +103,7 @@ class PelodListen : public ::testing::Test {
 protected:
     void SetUp() override
     {
+        SKIP_UNDER_EMULATION();
         if (access(listen_bin.c_str(), X_OK) != 0)
             FAIL() << "build the pelod-listen target first: " << listen_bin;
         port = free_udp_port();
@@ -180,6 +182,7 @@ TEST_F(PelodListen, ReportsPacketsGapsLevelsDelayAndWritesTheTimelineToWav)
 
 TEST(PelodListenUsage, HelpAndBadArguments)
 {
+    SKIP_UNDER_EMULATION();
     run_result r = run_prog({listen_bin, "--help"});
     EXPECT_EQ(r.status, 0);
     EXPECT_NE(r.out.find("Usage:"), std::string::npos);
