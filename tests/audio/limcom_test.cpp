@@ -160,8 +160,8 @@ TEST_F(LimCom2ch, HighPassIsThreeDecibelsDownAtFortyHertz)
     settle_quiet();
     const double scale = 0.25 / 0.7 / 1.0001 * (0.01 / std::sqrt(2.0));
     auto dB = [&](double f) { return 20 * std::log10(rms(500, 1000, f, 0.01, f, 0.01)[0] / scale); };
-    EXPECT_NEAR(dB(40), -3.0, 0.2);
-    EXPECT_NEAR(dB(20), -18.0, 0.6);
+    EXPECT_NEAR(dB(40), -3.0, 0.1);
+    EXPECT_NEAR(dB(20), -18.0, 0.3);
     EXPECT_NEAR(dB(100), -0.02, 0.05);
     EXPECT_NEAR(dB(1000), 0.0, 0.01);
 }
