@@ -94,6 +94,23 @@ static double pow10_model(double x) noexcept
     return std::pow(10.0, x);
 }
 
+// Last argument and result of a costly function: below the threshold and
+// in steady states the same argument comes back sample after sample, and
+// reusing the result is bit-identical to computing it again.
+struct Memo {
+    double in = std::numeric_limits<double>::quiet_NaN(); // matches nothing
+    double out = 0.0;
+};
+
+template <class F> static double memo(Memo &m, double x, F f) noexcept
+{
+    if (!(x == m.in)) {
+        m.in = x;
+        m.out = f(x);
+    }
+    return m.out;
+}
+
 void CG_LimCom_1ch_initialize(CG_LimCom_1ch_Model *m, float *in, float *out)
 {
     m->P.Saturation1_UpperSat = INF;
@@ -110,12 +127,14 @@ void CG_LimCom_1ch_step(CG_LimCom_1ch_Model *m, const float *in, float *out) noe
     const double att = 1.0 / (c3 * P.Attackms_Gain * P.cg_TC_compute_SampleRate);
     const double rel = 1.0 / (P.cg_TC_compute_SampleRate * c3 * P.Releasems_Gain);
     const double f = k * P.Output_Drive_Gain;
+    const auto gain = [&](double o) { return c3 / (P.Bias_Bias + o * P.ratio_Gain); };
+    Memo g;
     double e = m->DW.Delay_DSTATE;
     for (int n = 0; n < LIMCOM_BLOCK; n++) {
         const float x = in[n] * P.Input_Drive_Gain;
         e = smooth(e, std::fabs(x * k), att, rel);
         const double o = clamp_sat(e + P.Bias1_Bias, P.Saturation1_LowerSat, P.Saturation1_UpperSat);
-        out[n] = float(x * f * (c3 / (P.Bias_Bias + o * P.ratio_Gain)));
+        out[n] = float(x * f * memo(g, o, gain));
     }
     m->DW.Delay_DSTATE = e;
 }
@@ -163,12 +182,13 @@ struct Smoothers2ch {
 static void gain_path(const P_CG_LimCom_2ch_T &P, const Smoothers2ch &c, const double *q,
                       double *s1, double *s2, double *gain) noexcept
 {
+    Memo mp, ml;
     double y1 = *s1, y2 = *s2;
     for (int n = 0; n < LIMCOM_BLOCK; n++) {
         y1 = smooth(y1, q[n], c.att1, c.rel1);
         y2 = smooth(y2, q[n], c.att2, c.rel2);
-        const double p = pow10_model(y2);
-        const double l = pow10_model(y1);
+        const double p = memo(mp, y2, pow10_model);
+        const double l = memo(ml, y1, pow10_model);
         double g = clamp_sat(l - p, P.Saturation2_LowerSat, P.Saturation2_UpperSat);
         if (g < p)
             g = p;
@@ -196,11 +216,13 @@ void CG_LimCom_2ch_step(CG_LimCom_2ch_Model *m, const float *in, float *out) noe
 
     // Stereo link: the louder channel at each instant drives both paths.
     double q[LIMCOM_BLOCK];
+    Memo lg;
     for (int n = 0; n < LIMCOM_BLOCK; n++) {
         const double l0 = std::fabs(xf[n] * k);
         const double l1 = std::fabs(xf[LIMCOM_BLOCK + n] * k);
         const double lvl = l0 >= l1 ? l0 : l1;
-        q[n] = std::log10(clamp_sat(lvl - c3, P.Saturation1_LowerSat, P.Saturation1_UpperSat));
+        const double over = clamp_sat(lvl - c3, P.Saturation1_LowerSat, P.Saturation1_UpperSat);
+        q[n] = memo(lg, over, [](double v) { return std::log10(v); });
     }
 
     const Smoothers2ch c{

@@ -130,18 +130,6 @@ INSTANTIATE_TEST_SUITE_P(Pairs, LimComSelectors,
                                            SelectorCase{3, 1, 1, 9, 9}, SelectorCase{1, 1, 1, 3, 3},
                                            SelectorCase{1, 0, 1, 3, 3}));
 
-TEST_F(LimComGlue, MixIndexOutsideTheTableFeedsSilence)
-{
-    src.nchn = 2;
-    src.mix[0] = -1;
-    src.mix[1] = MIX_OUT_MAX;
-    const limcom_params p = lce(0.5);
-    CG_limcom_init_instance(&src.limcom, &p, 2);
-    cg_limcom_run_src(&src);
-    for (float y : src.limcom.outputBuffer)
-        ASSERT_EQ(y, 0.0f);
-}
-
 TEST_F(LimComGlue, CycleStepsAllocateNothing)
 {
     const limcom_params p = lce(0.3);
