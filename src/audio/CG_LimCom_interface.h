@@ -72,7 +72,8 @@ void cg_limcom_run(uint32_t rtp_ts) noexcept;
 // which every selector names. A mix index outside 0..15 feeds silence.
 //
 // Both glue steps keep the ring and the streams finite: a sample the
-// limiter returns as NaN or infinity (threshold 0, a negative ratio at
-// the wrong level) is written as 0. A limiter configured that way is
-// silent rather than poisoning every mix its flow feeds.
+// limiter returns as NaN or infinity is written as 0. The models check no
+// ranges, so an enabled limiter whose threshold, attack or release is 0
+// (not given in lce) turns non-finite for good: its flow or stream is then
+// silent, rather than poisoning every mix the flow feeds or the packets.
 void cg_limcom_run_src(rtp_src *s) noexcept;
