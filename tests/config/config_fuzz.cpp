@@ -13,6 +13,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <memory>
 #include <random>
 #include <string>
 #include <unistd.h>
@@ -35,12 +36,17 @@ using rng_t = std::mt19937;
 
 size_t pick(rng_t &rng, size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(rng); }
 
+// Mostly the syntax's own characters, sometimes any byte but NUL.
+char any_char(rng_t &rng)
+{
+    return pick(rng, 6) == 0 ? char(pick(rng, 255) + 1) : alphabet[pick(rng, sizeof alphabet - 1)];
+}
+
 std::string random_line(rng_t &rng)
 {
-    const size_t len = pick(rng, 20) == 0 ? pick(rng, 70000) : pick(rng, 160);
-    std::string s(len, ' ');
+    std::string s(pick(rng, 20) == 0 ? pick(rng, 70000) : pick(rng, 160), ' ');
     for (char &c : s)
-        c = pick(rng, 8) == 0 ? char(pick(rng, 255) + 1) : alphabet[pick(rng, sizeof alphabet - 1)];
+        c = any_char(rng);
     static const char *const kw[] = {"XPT ", "SRC ", "GLB ", ""};
     return kw[pick(rng, 4)] + s;
 }
@@ -49,7 +55,7 @@ std::string mutate(std::string s, rng_t &rng)
 {
     for (size_t n = pick(rng, 8) + 1; n > 0; --n) {
         const size_t at = s.empty() ? 0 : pick(rng, s.size());
-        const char c = pick(rng, 4) == 0 ? char(pick(rng, 255) + 1) : alphabet[pick(rng, sizeof alphabet - 1)];
+        const char c = any_char(rng);
         switch (pick(rng, 4)) {
         case 0: s.insert(s.begin() + long(at), c); break;
         case 1: if (!s.empty()) s.erase(at, 1); break;
@@ -60,17 +66,13 @@ std::string mutate(std::string s, rng_t &rng)
     return s;
 }
 
-// A heap copy of exactly the text and its terminator.
-struct heap_text {
-    char *p;
-    explicit heap_text(const std::string &s) : p(static_cast<char *>(malloc(s.size() + 1)))
-    {
-        memcpy(p, s.c_str(), s.size() + 1);
-    }
-    ~heap_text() { free(p); }
-    heap_text(const heap_text &) = delete;
-    heap_text &operator=(const heap_text &) = delete;
-};
+// A heap block of exactly the text and its terminator.
+std::unique_ptr<char[]> heap_copy(const std::string &s)
+{
+    std::unique_ptr<char[]> p(new char[s.size() + 1]);
+    memcpy(p.get(), s.c_str(), s.size() + 1);
+    return p;
+}
 
 void exercise_vtr(const char *s, rng_t &rng)
 {
@@ -145,9 +147,9 @@ TEST(ConfigFuzz, RandomAndMutatedLines)
     long iterations = 0;
     while (std::chrono::steady_clock::now() < end && !HasFatalFailure()) {
         std::string line = pick(rng, 2) ? random_line(rng) : mutate(seeds[pick(rng, std::size(seeds))], rng);
-        const heap_text t(line), o(mutate(seeds[pick(rng, std::size(seeds))], rng));
-        exercise_vtr(t.p, rng);
-        exercise_cfg(t.p, o.p);
+        const auto t = heap_copy(line), o = heap_copy(mutate(seeds[pick(rng, std::size(seeds))], rng));
+        exercise_vtr(t.get(), rng);
+        exercise_cfg(t.get(), o.get());
         file += line + (pick(rng, 4) ? "\n" : "");
         if (++iterations % 64 == 0) {
             // the whole load path, then a clean slate for the handlers
