@@ -74,7 +74,7 @@ void pelocfg_limcom(limcom_params *lcp, const char *s);
 // [sup] "1;t=dB;h=s;g=0|1" into vox (threshold 0: detection off).
 void pelocfg_vox(pelod_vox_cfg *vox, const char *s);
 // [sup] Fills eps[0..nep-1] from an address text ("239.1.2.3:5004",
-// channel number, vts:// URL, with ";src=" for source-specific multicast)
+// channel number, vts:// URL, with ";src=" naming the multicast sender)
 // and an interface text (empty: 0.0.0.0). All zero when either is no
 // valid address.
 void rtpa2ep(const char *rtpa, const char *ifa, rtp_ep_spec *eps, int nep);
