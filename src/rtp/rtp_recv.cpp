@@ -119,7 +119,7 @@ int32_t rtp_seq_track(rtp_ep *ep, bool marker, uint16_t seq, uint32_t ts) noexce
             ep->rx_seqe++;
             ep->rx_drop += d;
             step = ep->ptime_samples;
-        } else { // a repeat or up to 512 behind: the last accepted one stays
+        } else { // a repeat or one of the 511 before it: the last accepted one stays
             ep->rx_seqe++;
             ep->rx_dupl++;
             return 0;
