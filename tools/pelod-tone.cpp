@@ -308,6 +308,8 @@ void load_file(audio_src *a, const char *path, int channels)
             const uint32_t len = le32(&d[off + 4]);
             const uint8_t *c = &d[off + 8];
             const size_t avail = d.size() - off - 8;
+            if (memcmp(&d[off], "data", 4) && len > avail)
+                break; // a chunk longer than the file: nothing sensible follows
             if (!memcmp(&d[off], "fmt ", 4) && len >= 16 && avail >= 16) {
                 fmt_tag = le16(c);
                 ch = le16(c + 2);
