@@ -11,7 +11,6 @@ struct OpusEncoder;
 struct src;
 
 inline constexpr int RTP_SRC_PACKET_MAX = 1500; // bytes of the packet buffer
-inline constexpr int RTP_HDR_LEN = 12;          // version 2, no CSRC, no extension
 inline constexpr int RTP_SRC_FILL_LIMIT = 1452; // a packet this full is finished
 inline constexpr int RTP_SRC_OPUS_FRAME = 480;  // samples per Opus frame (10 ms)
 inline constexpr int RTP_SRC_OPUS_MAX_BYTES = 1440;
