@@ -2,25 +2,16 @@
 #include "audio/alsa.h"
 #include "fake_pcm.h"
 #include "support/alloc_count.h"
+#include "support/capture.h"
 
 #include <alsa/asoundlib.h>
-#include <array>
-#include <cerrno>
+#include <algorithm>
+#include <cstring>
 #include <gtest/gtest.h>
-#include <vector>
 
 namespace {
 using block = std::array<int32_t, 96>;
 using strings = std::vector<std::string>;
-
-void reset_counters()
-{
-    alsa_ply_or = alsa_ply_rewrite = 0;
-    alsa_cap_err = alsa_cap_xrun = alsa_cap_samples = alsa_cap_low = alsa_cap_reread = 0;
-    alsa_loop_cut = 0;
-    alsa_debug = 0;
-    alsa_cap_peak = 0;
-}
 
 block ramp(int32_t base)
 {
@@ -38,22 +29,11 @@ protected:
     {
         alsa_close();
         fake_pcm_reset();
-        reset_counters();
+        alsa_ply_or = alsa_ply_rewrite = alsa_cap_err = alsa_cap_xrun = alsa_cap_samples = 0;
+        alsa_cap_low = alsa_cap_reread = alsa_loop_cut = 0;
+        alsa_debug = alsa_cap_peak = 0;
     }
     void TearDown() override { alsa_close(); }
-    int open_quietly(std::string *out = nullptr, std::string *err = nullptr)
-    {
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        const int r = alsa_open();
-        const std::string o = testing::internal::GetCapturedStdout();
-        const std::string e = testing::internal::GetCapturedStderr();
-        if (out)
-            *out = o;
-        if (err)
-            *err = e;
-        return r;
-    }
 };
 
 class AlsaOpen : public AlsaClosed { // state: both streams open and running
@@ -61,7 +41,7 @@ protected:
     void SetUp() override
     {
         AlsaClosed::SetUp();
-        ASSERT_EQ(open_quietly(), 0);
+        ASSERT_EQ(captured(alsa_open).status, 0);
         fake_play.calls.clear();
         fake_cap.calls.clear();
     }
@@ -69,49 +49,45 @@ protected:
 
 TEST_F(AlsaClosed, OpenConfiguresBothStreamsAndStartsCaptureOnly)
 {
-    std::string out, err;
-    EXPECT_EQ(open_quietly(&out, &err), 0);
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(err, "");
-    // the S16 probe is installed first, then replaced by S24
-    EXPECT_EQ(fake_play.formats, (std::vector<int>{SND_PCM_FORMAT_S16_LE, SND_PCM_FORMAT_S24_LE}));
-    EXPECT_EQ(fake_cap.formats, (std::vector<int>{SND_PCM_FORMAT_S24_LE}));
+    const run_result r = captured(alsa_open);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out + r.err, "");
+    const fake_hw s24{SND_PCM_FORMAT_S24_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 48000, 2, 384};
+    fake_hw s16 = s24;
+    s16.format = SND_PCM_FORMAT_S16_LE;
+    EXPECT_EQ(fake_play.installed, (std::vector<fake_hw>{s16, s24})); // the S16 probe, then S24
+    EXPECT_EQ(fake_cap.installed, std::vector<fake_hw>{s24});
     for (const fake_pcm_stream *s : {&fake_play, &fake_cap}) {
         EXPECT_TRUE(s->open);
-        EXPECT_EQ(s->access, SND_PCM_ACCESS_RW_INTERLEAVED);
-        EXPECT_EQ(s->rate, 48000u);
-        EXPECT_EQ(s->channels, 2u);
-        EXPECT_EQ(s->buffer_size, 384u);
         EXPECT_EQ(s->start_threshold, 192u);
         EXPECT_EQ(s->stop_threshold, FAKE_BOUNDARY);
         EXPECT_EQ(s->avail_min, 48u);
     }
-    EXPECT_EQ(fake_cap.count("start"), 1);
-    EXPECT_EQ(fake_play.count("start"), 0);
+    EXPECT_EQ(fake_play.calls, strings{});
+    EXPECT_EQ(fake_cap.calls, strings{"start"});
 }
 
-TEST_F(AlsaClosed, NeverOpenedStreamsAreLeftAloneAndTheMicrophoneIsSilent)
+// Never opened, or closed (twice): no call reaches the library, and the
+// microphone is silent.
+TEST_F(AlsaClosed, ClosedStreamsAreLeftAloneAndTheMicrophoneIsSilent)
 {
-    block b = ramp(1000);
-    EXPECT_EQ(alsa_play48(b.data()), 0);
-    EXPECT_EQ(alsa_rec48(b.data()), 0);
-    EXPECT_EQ(b, block{});
-    EXPECT_TRUE(fake_play.calls.empty());
-    EXPECT_TRUE(fake_cap.calls.empty());
-}
-
-TEST_F(AlsaClosed, CloseClosesEachOpenStreamOnce)
-{
-    ASSERT_EQ(open_quietly(), 0);
-    alsa_close();
-    EXPECT_FALSE(fake_play.open);
-    EXPECT_FALSE(fake_cap.open);
-    alsa_close();
-    EXPECT_EQ(fake_play.count("close"), 1);
-    EXPECT_EQ(fake_cap.count("close"), 1);
-    block b = ramp(7);
-    EXPECT_EQ(alsa_play48(b.data()), 0);
-    EXPECT_EQ(fake_play.count("writei"), 0);
+    for (bool opened : {false, true}) {
+        if (opened) {
+            ASSERT_EQ(captured(alsa_open).status, 0);
+            alsa_close();
+            alsa_close();
+            EXPECT_FALSE(fake_play.open || fake_cap.open);
+            EXPECT_EQ(fake_play.calls, strings{"close"});
+            EXPECT_EQ(fake_cap.calls, (strings{"start", "close"}));
+            fake_play.calls.clear();
+            fake_cap.calls.clear();
+        }
+        block b = ramp(1000);
+        EXPECT_EQ(alsa_play48(b.data()), 0);
+        EXPECT_EQ(alsa_rec48(b.data()), 0);
+        EXPECT_EQ(b, block{});
+        EXPECT_TRUE(fake_play.calls.empty() && fake_cap.calls.empty());
+    }
 }
 
 // The buffer-size step reports the text of code 1 with the adjusted count
@@ -119,41 +95,41 @@ TEST_F(AlsaClosed, CloseClosesEachOpenStreamOnce)
 TEST_F(AlsaClosed, BufferSizeFailureSkipsTheInstallAndGoesOn)
 {
     fake_fault = {0, "snd_pcm_hw_params_set_buffer_size_near", 1, -EINVAL};
-    std::string out, err;
-    EXPECT_EQ(open_quietly(&out, &err), 0);
-    EXPECT_EQ(out, "Unable to set buffer size 400 Operation not permitted\n");
-    EXPECT_EQ(err, "");
-    EXPECT_EQ(fake_play.formats, (std::vector<int>{SND_PCM_FORMAT_S24_LE}));
-
-    alsa_close();
-    fake_pcm_reset();
-    fake_fault = {0, "snd_pcm_hw_params_set_buffer_size_near", 2, -EINVAL};
-    EXPECT_EQ(open_quietly(&out, &err), 0);
-    EXPECT_EQ(fake_play.formats, (std::vector<int>{SND_PCM_FORMAT_S16_LE})); // S24 never installed
+    const run_result r = captured(alsa_open);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, "Unable to set buffer size 400 Operation not permitted\n");
+    EXPECT_EQ(r.err, "");
+    ASSERT_EQ(fake_play.installed.size(), 1u);
+    EXPECT_EQ(fake_play.installed[0].format, SND_PCM_FORMAT_S24_LE);
 }
 
 struct open_failure {
     int stream;
     const char *call;
     int nth;
-    const char *out;
-    const char *err;
+    const char *step, *pass; // the two lines printed, %s standing for the error text
 };
 
 class AlsaOpenFails : public AlsaClosed, public ::testing::WithParamInterface<open_failure> {};
 
-TEST_P(AlsaOpenFails, PrintsTheStepsMessageToItsStream)
+TEST_P(AlsaOpenFails, PrintsTheStepsMessageAndNeverUsesThatStream)
 {
     const open_failure &f = GetParam();
     fake_fault = {f.stream, f.call, f.nth, -EIO};
-    std::string out, err;
-    EXPECT_EQ(open_quietly(&out, &err), -1);
-    EXPECT_EQ(out, f.out);
-    EXPECT_EQ(err, f.err);
+    const run_result r = captured(alsa_open);
+    EXPECT_EQ(r.status, -1);
+    std::string want;
+    for (const char *line : {f.step, f.pass})
+        if (line) {
+            want += std::string(line) + "\n";
+            want.replace(want.find("%s"), 2, strerror(EIO));
+        }
+    const bool to_stdout = strstr(f.call, "sw_params") != nullptr; // software parameters
+    EXPECT_EQ(r.out, to_stdout ? want : "");
+    EXPECT_EQ(r.err, to_stdout ? "" : want);
     // a stream whose set-up failed is never offered a block; one that
     // completed works as usual
     fake_play.calls.clear();
-    fake_cap.calls.clear();
     fake_play.avail_default = fake_cap.avail_default = 100;
     block b = ramp(1);
     alsa_play48(b.data());
@@ -162,226 +138,124 @@ TEST_P(AlsaOpenFails, PrintsTheStepsMessageToItsStream)
     EXPECT_EQ(fake_cap.count("readi"), 0);
 }
 
-#define EIO_TEXT "Input/output error"
+constexpr const char *HW16 = "Setting of playback hwparams S16 failed: %s";
+constexpr const char *HW24 = "Setting of playback hwparams S24 failed: %s";
+constexpr const char *SWP = "Setting of swparams playback failed: %s";
 INSTANTIATE_TEST_SUITE_P(
     EveryStep, AlsaOpenFails,
     ::testing::Values(
-        open_failure{0, "snd_pcm_open", 1, "", "Cannot open playback device hw:0,0 (" EIO_TEXT ")\n"},
-        open_failure{0, "snd_pcm_hw_params_any", 1, "",
-                     "cannot initialize hardware parameter structure (" EIO_TEXT ")\n"
-                     "Setting of playback hwparams S16 failed: " EIO_TEXT "\n"},
-        open_failure{0, "snd_pcm_hw_params_set_access", 1, "",
-                     "cannot set access type (" EIO_TEXT ")\nSetting of playback hwparams S16 failed: " EIO_TEXT "\n"},
-        open_failure{0, "snd_pcm_hw_params_set_format", 2, "",
-                     "cannot set sample format (" EIO_TEXT ")\nSetting of playback hwparams S24 failed: " EIO_TEXT "\n"},
-        open_failure{0, "snd_pcm_hw_params_set_rate_near", 1, "",
-                     "cannot set sample rate (" EIO_TEXT ")\nSetting of playback hwparams S16 failed: " EIO_TEXT "\n"},
-        open_failure{0, "snd_pcm_hw_params_set_channels", 1, "",
-                     "cannot set channel count (" EIO_TEXT ")\nSetting of playback hwparams S16 failed: " EIO_TEXT "\n"},
-        open_failure{0, "snd_pcm_hw_params", 2, "",
-                     "cannot set parameters (" EIO_TEXT ")\nSetting of playback hwparams S24 failed: " EIO_TEXT "\n"},
-        open_failure{0, "snd_pcm_sw_params_current", 1,
-                     "Unable to determine current swparams: " EIO_TEXT "\nSetting of swparams playback failed: " EIO_TEXT "\n", ""},
-        open_failure{0, "snd_pcm_sw_params_set_start_threshold", 1,
-                     "Unable to set start threshold mode: " EIO_TEXT "\nSetting of swparams playback failed: " EIO_TEXT "\n", ""},
-        open_failure{0, "snd_pcm_sw_params_get_boundary", 1,
-                     "Unable to get boundary for playback: " EIO_TEXT "\nSetting of swparams playback failed: " EIO_TEXT "\n", ""},
-        open_failure{0, "snd_pcm_sw_params_set_stop_threshold", 1,
-                     "Unable to set stop threshold mode: " EIO_TEXT "\nSetting of swparams playback failed: " EIO_TEXT "\n", ""},
-        open_failure{0, "snd_pcm_sw_params_set_avail_min", 1,
-                     "Unable to set avail min for " EIO_TEXT "\nSetting of swparams playback failed: " EIO_TEXT "\n", ""},
-        open_failure{0, "snd_pcm_sw_params", 1,
-                     "Unable to set sw params: " EIO_TEXT "\nSetting of swparams playback failed: " EIO_TEXT "\n", ""},
-        open_failure{1, "snd_pcm_open", 1, "", "Cannot open capture device hw:0,0 (" EIO_TEXT ")\n"},
-        open_failure{1, "snd_pcm_hw_params_set_format", 1, "",
-                     "cannot set sample format (" EIO_TEXT ")\nSetting of capture hwparams failed: " EIO_TEXT "\n"},
-        open_failure{1, "snd_pcm_sw_params_get_boundary", 1,
-                     "Unable to get boundary for playback: " EIO_TEXT "\nSetting of swparams capture failed: " EIO_TEXT "\n", ""},
-        open_failure{1, "snd_pcm_start", 1, "", "Capture start (" EIO_TEXT ")\n"}));
+        open_failure{0, "snd_pcm_open", 1, "Cannot open playback device hw:0,0 (%s)", nullptr},
+        open_failure{0, "snd_pcm_hw_params_any", 1, "cannot initialize hardware parameter structure (%s)", HW16},
+        open_failure{0, "snd_pcm_hw_params_set_access", 1, "cannot set access type (%s)", HW16},
+        open_failure{0, "snd_pcm_hw_params_set_format", 2, "cannot set sample format (%s)", HW24},
+        open_failure{0, "snd_pcm_hw_params_set_rate_near", 1, "cannot set sample rate (%s)", HW16},
+        open_failure{0, "snd_pcm_hw_params_set_channels", 1, "cannot set channel count (%s)", HW16},
+        open_failure{0, "snd_pcm_hw_params", 2, "cannot set parameters (%s)", HW24},
+        open_failure{0, "snd_pcm_sw_params_current", 1, "Unable to determine current swparams: %s", SWP},
+        open_failure{0, "snd_pcm_sw_params_set_start_threshold", 1, "Unable to set start threshold mode: %s", SWP},
+        open_failure{0, "snd_pcm_sw_params_get_boundary", 1, "Unable to get boundary for playback: %s", SWP},
+        open_failure{0, "snd_pcm_sw_params_set_stop_threshold", 1, "Unable to set stop threshold mode: %s", SWP},
+        open_failure{0, "snd_pcm_sw_params_set_avail_min", 1, "Unable to set avail min for %s", SWP},
+        open_failure{0, "snd_pcm_sw_params", 1, "Unable to set sw params: %s", SWP},
+        open_failure{1, "snd_pcm_open", 1, "Cannot open capture device hw:0,0 (%s)", nullptr},
+        open_failure{1, "snd_pcm_hw_params_set_format", 1, "cannot set sample format (%s)",
+                     "Setting of capture hwparams failed: %s"},
+        open_failure{1, "snd_pcm_sw_params_get_boundary", 1, "Unable to get boundary for playback: %s",
+                     "Setting of swparams capture failed: %s"},
+        open_failure{1, "snd_pcm_start", 1, "Capture start (%s)", nullptr}));
 
-// --- playback ---------------------------------------------------------
+// Either direction: a block moves when more than 48 frames are free (to
+// play) or waiting (to read), an error counting as plenty, and moves again
+// while more than 192 are, at most ALSA_LOOP_MAX times. A read over an
+// earlier one keeps the newest block.
+struct loop_case {
+    bool capture;
+    std::deque<long> avail; // answers, then avail_default
+    long avail_default;
+    std::deque<long> io; // read or write results, then 48
+    int ret, moves, failures, cut;
+};
 
-TEST_F(AlsaOpen, PlaybackNeedsMoreThanOneBlockOfRoom)
+class AlsaLoop : public AlsaOpen, public ::testing::WithParamInterface<loop_case> {};
+
+TEST_P(AlsaLoop, RoomDecidesHowOftenABlockMoves)
 {
-    block b = ramp(5);
-    fake_play.avail = {48};
-    EXPECT_EQ(alsa_play48(b.data()), 0);
-    EXPECT_EQ(fake_play.count("writei"), 0);
-    fake_play.avail = {49, 192};
-    EXPECT_EQ(alsa_play48(b.data()), 48);
-    ASSERT_EQ(fake_play.written.size(), 1u);
-    EXPECT_EQ(fake_play.written[0], std::vector<int32_t>(b.begin(), b.end()));
-    // an error from the room query counts as plenty of room
-    fake_play.avail = {-EPIPE, 0};
-    EXPECT_EQ(alsa_play48(b.data()), 48);
-    EXPECT_EQ(fake_play.count("writei"), 2);
-    EXPECT_EQ(alsa_ply_rewrite, 0u);
-}
-
-TEST_F(AlsaOpen, ShortOrFailedWritesCountAsOverruns)
-{
-    block b = ramp(5);
-    fake_play.avail = {300, 100, 300, 100};
-    fake_play.io = {20, -EPIPE};
-    EXPECT_EQ(alsa_play48(b.data()), 20);
-    EXPECT_EQ(alsa_play48(b.data()), -EPIPE);
-    EXPECT_EQ(alsa_ply_or, 2u);
-}
-
-TEST_F(AlsaOpen, ALowBufferGetsTheSameBlockAgainUntilHalfFull)
-{
-    block b = ramp(-300);
-    fake_play.avail = {384, 336, 288, 240, 192};
-    EXPECT_EQ(alsa_play48(b.data()), 48);
-    EXPECT_EQ(alsa_ply_rewrite, 3u);
-    ASSERT_EQ(fake_play.written.size(), 4u);
-    for (const std::vector<int32_t> &w : fake_play.written)
-        EXPECT_EQ(w, std::vector<int32_t>(b.begin(), b.end()));
-    fake_play.avail = {200, 200, 150};
-    alsa_play48(b.data());
-    EXPECT_EQ(alsa_ply_rewrite, 4u);
-    EXPECT_EQ(alsa_loop_cut, 0u);
-}
-
-// A device that never fills (consumes instantly) or always fails: at most
-// eight writes per call, and the cut is counted.
-TEST_F(AlsaOpen, PlaybackLoopEndsAtTheBufferDepth)
-{
-    block b = ramp(1);
-    fake_play.avail_default = 384;
-    EXPECT_EQ(alsa_play48(b.data()), 48);
-    EXPECT_EQ(fake_play.count("writei"), ALSA_LOOP_MAX);
-    EXPECT_EQ(alsa_ply_rewrite, unsigned(ALSA_LOOP_MAX - 1));
-    EXPECT_EQ(alsa_loop_cut, 1u);
-
-    fake_play.calls.clear();
-    fake_play.avail_default = -ESTRPIPE;
-    fake_play.io.assign(ALSA_LOOP_MAX, -ESTRPIPE);
-    EXPECT_EQ(alsa_play48(b.data()), -ESTRPIPE);
-    EXPECT_EQ(fake_play.count("writei"), ALSA_LOOP_MAX);
-    EXPECT_EQ(alsa_ply_or, unsigned(ALSA_LOOP_MAX));
-    EXPECT_EQ(alsa_loop_cut, 2u);
-}
-
-// --- capture ----------------------------------------------------------
-
-TEST_F(AlsaOpen, CaptureNeedsMoreThanOneBlockWaiting)
-{
+    const loop_case &c = GetParam();
+    fake_pcm_stream &s = c.capture ? fake_cap : fake_play;
+    s.avail = c.avail;
+    s.avail_default = c.avail_default;
+    s.io = c.io;
+    for (int k = 1; k <= 10; k++)
+        queue_capture(ramp(1000 * k));
     block b = ramp(10);
-    fake_cap.avail = {48};
-    queue_capture(ramp(5000));
-    EXPECT_EQ(alsa_rec48(b.data()), 0);
-    EXPECT_EQ(b, ramp(10)); // still the played block
-    EXPECT_EQ(fake_cap.count("readi"), 0);
-    fake_cap.avail = {49, 0};
-    EXPECT_EQ(alsa_rec48(b.data()), 48);
-    EXPECT_EQ(b, ramp(5000));
-    EXPECT_EQ(alsa_cap_samples, 48u);
-    EXPECT_EQ(alsa_cap_reread, 0u);
+    EXPECT_EQ(c.capture ? alsa_rec48(b.data()) : alsa_play48(b.data()), c.ret);
+    EXPECT_EQ(s.count(c.capture ? "readi" : "writei"), c.moves);
+    EXPECT_EQ(c.capture ? alsa_cap_reread : alsa_ply_rewrite, unsigned(std::max(c.moves - 1, 0)));
+    EXPECT_EQ(c.capture ? alsa_cap_err : alsa_ply_or, unsigned(c.failures));
+    EXPECT_EQ(alsa_loop_cut, unsigned(c.cut));
+    if (c.capture)
+        EXPECT_EQ(b, c.moves > c.failures ? ramp(1000 * c.moves) : ramp(10));
+    else
+        EXPECT_EQ(fake_play.written, std::vector<block>(size_t(c.moves), ramp(10)));
 }
 
-TEST_F(AlsaOpen, CapturedWordsAreSignExtendedFrom24Bits)
+constexpr int MAX = ALSA_LOOP_MAX;
+INSTANTIATE_TEST_SUITE_P(
+    BothDirections, AlsaLoop,
+    ::testing::Values(loop_case{false, {48}, 0, {}, 0, 0, 0, 0}, loop_case{true, {48}, 0, {}, 0, 0, 0, 0},
+                      loop_case{false, {49, 192}, 0, {}, 48, 1, 0, 0}, loop_case{true, {49, 0}, 0, {}, 48, 1, 0, 0},
+                      loop_case{false, {-EPIPE, 0}, 0, {}, 48, 1, 0, 0},
+                      loop_case{false, {300, 100}, 0, {20}, 20, 1, 1, 0},
+                      loop_case{false, {300, 100}, 0, {-EPIPE}, -EPIPE, 1, 1, 0},
+                      loop_case{false, {384, 336, 288, 240, 192}, 0, {}, 48, 4, 0, 0},
+                      loop_case{false, {200, 200, 150}, 0, {}, 48, 2, 0, 0},
+                      loop_case{true, {300, 252, 204, 156}, 0, {}, 48, 3, 0, 0},
+                      // a device that never fills or drains, or always fails
+                      loop_case{false, {}, 384, {}, 48, MAX, 0, 1}, loop_case{true, {}, 384, {}, 48, MAX, 0, 1},
+                      loop_case{false, {}, -ESTRPIPE, std::deque<long>(MAX, -ESTRPIPE), -ESTRPIPE, MAX, MAX, 1},
+                      loop_case{true, {}, 384, std::deque<long>(MAX, -EIO), -EIO, MAX, MAX, 1}));
+
+TEST_F(AlsaOpen, CaptureIsSignExtendedFrom24BitsAndRaisesASignedPeak)
 {
-    block in{};
-    in[0] = 0x00800000;            // most negative 24-bit value
-    in[1] = 0x007FFFFF;            // most positive
-    in[2] = 0x00FFFFFF;            // -1
-    in[3] = int32_t(0xAB800001u);  // upper bits replaced when bit 23 is set
-    in[4] = 0x12345678;            // bit 23 clear: kept as it is, upper bits included
-    in[5] = 0x00000001;
-    queue_capture(in);
-    fake_cap.avail = {384, 0};
+    constexpr std::pair<uint32_t, int32_t> words[] = {
+        {0x00800000, -8388608}, {0x007FFFFF, 8388607}, {0x00FFFFFF, -1},
+        {0xAB800001, int32_t(0xFF800001u)}, // upper bits replaced when bit 23 is set
+        {0x12345678, 0x12345678},           // and kept as they are when it is clear
+    };
+    block in{}, negative;
+    for (size_t i = 0; i < std::size(words); i++)
+        in[i] = int32_t(words[i].first);
+    negative.fill(0x00800000);
+    for (const block &q : {negative, in, negative})
+        queue_capture(q);
+    fake_cap.avail = {384, 0, 384, 0, 384, 0};
     block b{};
     alsa_rec48(b.data());
-    EXPECT_EQ(b[0], -8388608);
-    EXPECT_EQ(uint32_t(b[0]), 0xFF800000u);
-    EXPECT_EQ(b[1], 8388607);
-    EXPECT_EQ(b[2], -1);
-    EXPECT_EQ(uint32_t(b[3]), 0xFF800001u);
-    EXPECT_EQ(b[4], 0x12345678);
-    EXPECT_EQ(b[5], 1);
+    EXPECT_EQ(alsa_cap_peak, 0) << "all-negative input leaves the peak";
+    alsa_rec48(b.data());
+    for (size_t i = 0; i < std::size(words); i++)
+        EXPECT_EQ(b[i], words[i].second) << i;
     EXPECT_EQ(alsa_cap_peak, 0x12345678);
-}
-
-TEST_F(AlsaOpen, PeakIsASignedMaximumKeptUntilTheReportResetsIt)
-{
-    block in{};
-    in[7] = 0x007FFFFF;
-    queue_capture(in);
-    block neg{};
-    neg.fill(0x00800000);
-    queue_capture(neg);
-    fake_cap.avail = {384, 0, 384, 0};
-    block b{};
     alsa_rec48(b.data());
-    EXPECT_EQ(alsa_cap_peak, 8388607);
-    alsa_rec48(b.data());
-    EXPECT_EQ(alsa_cap_peak, 8388607); // a quieter block does not lower it
-    alsa_cap_peak = 0;                 // the report's reset
-    for (int32_t &v : neg)
-        v = 0x00FFFF00; // all negative
-    queue_capture(neg);
-    fake_cap.avail = {384, 0};
-    alsa_rec48(b.data());
-    EXPECT_EQ(alsa_cap_peak, 0);
-    EXPECT_EQ(b[0], -256);
+    EXPECT_EQ(alsa_cap_peak, 0x12345678) << "a quieter block does not lower it";
 }
 
 TEST_F(AlsaOpen, ShortReadKeepsTheRestAndIsPrintedOnlyWithDebug)
 {
     block b{};
     b[50] = 0x00800000; // left over from the played block
-    block in = ramp(100);
-    queue_capture(in);
+    queue_capture(ramp(100));
     fake_cap.io = {20, 20};
     fake_cap.avail = {384, 0, 384, 0};
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(alsa_rec48(b.data()), 20);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    const auto read = [&] { return alsa_rec48(b.data()); };
+    EXPECT_EQ(captured(read).out, "");
     EXPECT_EQ(b[39], 139);
     EXPECT_EQ(b[40], 0);
     EXPECT_EQ(b[50], -8388608); // the old rest is sign-extended too
     alsa_debug = 1;
-    testing::internal::CaptureStdout();
-    alsa_rec48(b.data());
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "snd_pcm_readi: 20\n");
+    EXPECT_EQ(captured(read).out, "snd_pcm_readi: 20\n");
     EXPECT_EQ(alsa_cap_low, 2u);
     EXPECT_EQ(alsa_cap_samples, 40u);
-}
-
-TEST_F(AlsaOpen, MoreThanHalfABufferWaitingIsReadOverUntilBelow)
-{
-    for (int k = 0; k < 3; k++)
-        queue_capture(ramp(1000 * k));
-    fake_cap.avail = {300, 252, 204, 156};
-    block b{};
-    EXPECT_EQ(alsa_rec48(b.data()), 48);
-    EXPECT_EQ(fake_cap.count("readi"), 3);
-    EXPECT_EQ(alsa_cap_reread, 2u);
-    EXPECT_EQ(b, ramp(2000)); // the newest block wins
-    EXPECT_EQ(alsa_cap_samples, 144u);
-    EXPECT_EQ(alsa_loop_cut, 0u);
-}
-
-TEST_F(AlsaOpen, CaptureLoopEndsAtTheBufferDepth)
-{
-    for (int k = 0; k < 10; k++)
-        queue_capture(ramp(1000 * k));
-    fake_cap.avail_default = 384; // a device that never drains
-    block b{};
-    EXPECT_EQ(alsa_rec48(b.data()), 48);
-    EXPECT_EQ(fake_cap.count("readi"), ALSA_LOOP_MAX);
-    EXPECT_EQ(alsa_cap_reread, unsigned(ALSA_LOOP_MAX - 1));
-    EXPECT_EQ(alsa_loop_cut, 1u);
-    EXPECT_EQ(b, ramp(1000 * (ALSA_LOOP_MAX - 1)));
-
-    // reads that fail every time are bounded the same way
-    fake_cap.calls.clear();
-    fake_cap.io.assign(20, -EIO);
-    alsa_rec48(b.data());
-    EXPECT_EQ(fake_cap.count("readi"), ALSA_LOOP_MAX);
-    EXPECT_EQ(alsa_cap_err, unsigned(ALSA_LOOP_MAX));
-    EXPECT_EQ(alsa_loop_cut, 2u);
 }
 
 struct recovery_case {
@@ -395,7 +269,7 @@ class AlsaRecovery : public AlsaOpen, public ::testing::WithParamInterface<recov
 TEST_P(AlsaRecovery, EachErrorCodeHasItsRecovery)
 {
     const recovery_case &c = GetParam();
-    fake_cap.avail = {384, 0};
+    fake_cap.avail = {384, 0, 384, 0};
     fake_cap.io = {c.err};
     fake_cap.resume = c.resume;
     block b{};
@@ -404,82 +278,65 @@ TEST_P(AlsaRecovery, EachErrorCodeHasItsRecovery)
     EXPECT_EQ(alsa_rec48(b.data()), c.err);
     EXPECT_EQ(alsa_cap_err, 1u);
     EXPECT_EQ(alsa_cap_xrun, 1u);
-    EXPECT_EQ(alsa_cap_samples, 0u);
     strings expected{"avail", "readi"};
     expected.insert(expected.end(), c.calls.begin(), c.calls.end());
     expected.push_back("avail_update");
     EXPECT_EQ(fake_cap.calls, expected);
-    // the old contents are still sign-extended and measured
-    EXPECT_EQ(b[3], int32_t(0xFFC00000u));
+    EXPECT_EQ(b[3], int32_t(0xFFC00000u)); // the old contents are still sign-extended and measured
     EXPECT_EQ(alsa_cap_peak, 0x40);
-
-    // the next cycle reads normally
     queue_capture(ramp(77));
-    fake_cap.avail = {384, 0};
-    EXPECT_EQ(alsa_rec48(b.data()), 48);
+    EXPECT_EQ(alsa_rec48(b.data()), 48) << "the next cycle reads normally";
     EXPECT_EQ(b, ramp(77));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    PerCode, AlsaRecovery,
-    ::testing::Values(recovery_case{-EPIPE, {}, {"prepare"}},
-                      recovery_case{-ESTRPIPE, {0}, {"resume"}},
-                      recovery_case{-ESTRPIPE, {-ENOSYS}, {"resume", "prepare"}},
-                      recovery_case{-EIO, {}, {"drop", "start"}},
-                      recovery_case{-EBADFD, {}, {"drop", "start"}}));
+INSTANTIATE_TEST_SUITE_P(PerCode, AlsaRecovery,
+                         ::testing::Values(recovery_case{-EPIPE, {}, {"prepare"}}, recovery_case{-ESTRPIPE, {0}, {"resume"}},
+                                           recovery_case{-ESTRPIPE, {-ENOSYS}, {"resume", "prepare"}},
+                                           recovery_case{-EIO, {}, {"drop", "start"}},
+                                           recovery_case{-EBADFD, {}, {"drop", "start"}}));
 
-// Suspend recovery never sleeps in the cycle: while the card answers
-// -EAGAIN, each later attempt comes ALSA_RESUME_GAP calls after the last.
+// Suspended capture never sleeps in the cycle: while the card answers
+// -EAGAIN, each later resume attempt comes ALSA_RESUME_GAP calls after the
+// last, and after ALSA_RESUME_TRIES such answers the stream is prepared
+// instead. The call that ends the suspension reads at once.
 TEST_F(AlsaOpen, SuspendedCaptureRetriesResumeWithoutWaiting)
 {
-    fake_cap.avail_default = 0;
-    fake_cap.avail = {384};
-    fake_cap.io = {-ESTRPIPE};
-    fake_cap.resume = {-EAGAIN, -EAGAIN, 0};
-    block b = ramp(3);
-    EXPECT_EQ(alsa_rec48(b.data()), -ESTRPIPE);
-    EXPECT_EQ(fake_cap.count("resume"), 1);
-    EXPECT_EQ(fake_cap.count("avail_update"), 0); // nothing more this call
-    fake_cap.calls.clear();
-    for (int i = 1; i < ALSA_RESUME_GAP; i++)
-        EXPECT_EQ(alsa_rec48(b.data()), 0);
-    EXPECT_TRUE(fake_cap.calls.empty());
-    alsa_rec48(b.data()); // second attempt: -EAGAIN again
-    EXPECT_EQ(fake_cap.calls, strings{"resume"});
-    for (int i = 1; i < ALSA_RESUME_GAP; i++)
-        alsa_rec48(b.data());
-    fake_cap.calls.clear();
-    queue_capture(ramp(9000));
-    fake_cap.avail = {384, 0};
-    EXPECT_EQ(alsa_rec48(b.data()), 48); // resumed: reads in the same call
-    EXPECT_EQ(fake_cap.calls, (strings{"resume", "avail", "readi", "avail_update"}));
-    EXPECT_EQ(b, ramp(9000));
-    EXPECT_EQ(alsa_cap_xrun, 1u);
-    EXPECT_EQ(alsa_loop_cut, 0u);
-}
-
-TEST_F(AlsaOpen, SuspendRecoveryGivesUpAndPreparesAfterItsTries)
-{
-    fake_cap.avail = {384};
-    fake_cap.io = {-ESTRPIPE};
-    fake_cap.resume.assign(ALSA_RESUME_TRIES + 5, -EAGAIN);
-    block b{};
-    alsa_rec48(b.data());
-    for (int i = 0; i < (ALSA_RESUME_TRIES - 1) * ALSA_RESUME_GAP; i++)
-        alsa_rec48(b.data());
-    EXPECT_EQ(fake_cap.count("resume"), ALSA_RESUME_TRIES);
-    EXPECT_EQ(fake_cap.count("prepare"), 1);
-    EXPECT_EQ(alsa_loop_cut, 1u);
-    EXPECT_EQ(fake_cap.calls.back(), "avail"); // read again from that call on
+    for (int attempts : {3, ALSA_RESUME_TRIES}) {
+        const bool gives_up = attempts == ALSA_RESUME_TRIES;
+        SetUp();
+        fake_cap.avail = {384};
+        fake_cap.io = {-ESTRPIPE};
+        fake_cap.resume.assign(size_t(attempts - 1), -EAGAIN);
+        fake_cap.resume.push_back(gives_up ? -EAGAIN : 0);
+        block b{};
+        EXPECT_EQ(alsa_rec48(b.data()), -ESTRPIPE);
+        EXPECT_EQ(fake_cap.calls, (strings{"avail", "readi", "resume"}));
+        for (int n = 2; n <= attempts; n++) {
+            fake_cap.calls.clear();
+            for (int i = 1; i < ALSA_RESUME_GAP; i++)
+                ASSERT_EQ(alsa_rec48(b.data()), 0);
+            ASSERT_EQ(fake_cap.calls, strings{});
+            fake_cap.avail = {384, 0};
+            alsa_rec48(b.data());
+        }
+        strings tail{"resume", "prepare", "avail", "readi", "avail_update"};
+        if (!gives_up)
+            tail.erase(tail.begin() + 1);
+        EXPECT_EQ(fake_cap.calls, tail);
+        EXPECT_EQ(alsa_cap_xrun, 1u);
+        EXPECT_EQ(alsa_loop_cut, gives_up ? 1u : 0u);
+    }
 }
 
 TEST_F(AlsaOpen, PlayAndCaptureAllocateNothing)
 {
-    fake_play.record = fake_cap.record = false;
-    fake_play.avail_default = fake_cap.avail_default = 384;
-    fake_cap.io.assign(3, -EPIPE);
+    for (fake_pcm_stream *s : {&fake_play, &fake_cap}) {
+        s->calls.reserve(256);
+        s->written.reserve(64);
+        s->avail_default = 384;
+    }
+    fake_cap.io = {-EPIPE, -EPIPE, -EPIPE, 20};
     alsa_debug = 1;
-    fake_cap.io.push_back(20);
     block b = ramp(1);
     testing::internal::CaptureStdout();
     alloc_count_start();

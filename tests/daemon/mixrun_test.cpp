@@ -7,81 +7,51 @@
 #include <thread>
 
 namespace {
-timespec at(long sec, long nsec) { return timespec{sec, nsec}; }
+struct wake_case {
+    timespec prev, now; // last block boundary, clock at wake-up
+    int32_t sysjitter;
+    int resync;
+    int32_t jitter; // checked when not re-synchronising
+    int blocks;
+    uint32_t rtp_ts;
+    timespec next;
+};
 
-TEST(WakePlan, OnTimeRunsOneBlock)
+TEST(WakePlan, LatenessDecidesBlocksOrResync)
 {
-    const wake_plan p = mix_wake_plan(at(100, 5000000), at(100, 6000000 + 20000), 2000000);
-    EXPECT_EQ(p.resync, 0);
-    EXPECT_EQ(p.jitter, 20000);
-    EXPECT_EQ(p.blocks, 1);
-    EXPECT_EQ(p.rtp_ts, 100u * 48000 + 240);
-    EXPECT_EQ(p.ts_next.tv_sec, 100);
-    EXPECT_EQ(p.ts_next.tv_nsec, 6000000);
-}
-
-TEST(WakePlan, OneAndAHalfMillisecondsLateRunsTwoBlocks)
-{
-    const wake_plan p = mix_wake_plan(at(7, 0), at(7, 2500000), 2000000);
-    EXPECT_EQ(p.resync, 0);
-    EXPECT_EQ(p.jitter, 1500000);
-    EXPECT_EQ(p.blocks, 2);
-    EXPECT_EQ(p.rtp_ts, 7u * 48000);
-    EXPECT_EQ(p.ts_next.tv_nsec, 2000000);
-}
-
-TEST(WakePlan, BeyondTheAllowanceResynchronises)
-{
-    wake_plan p = mix_wake_plan(at(7, 0), at(7, 3500000), 2000000); // 2.5 ms late
-    EXPECT_EQ(p.resync, 1);
-    EXPECT_EQ(p.blocks, 0);
-    EXPECT_EQ(p.ts_next.tv_nsec, 3000000); // restarts from the current millisecond
-    p = mix_wake_plan(at(7, 0), at(7, 3500000), 3000000); // allowed with -J 3 ms
-    EXPECT_EQ(p.resync, 0);
-    EXPECT_EQ(p.blocks, 3);
-}
-
-TEST(WakePlan, EarlyWakeUpResynchronises)
-{
-    const wake_plan p = mix_wake_plan(at(7, 0), at(7, 999000), 2000000);
-    EXPECT_EQ(p.resync, 1);
-    EXPECT_LT(p.jitter, 0);
-}
-
-TEST(WakePlan, ClockStepsOfSecondsResynchroniseEitherWay)
-{
-    for (long step : {3L, 5L, -3L, 4L}) {
-        // 4.294967296 s wraps the 32-bit figure near zero: still a resync
-        const wake_plan p = mix_wake_plan(at(100, 0), at(100 + step, step == 4 ? 295967296 : 1000000), 2000000);
-        EXPECT_EQ(p.resync, 1) << step;
-        EXPECT_EQ(p.blocks, 0) << step;
+    const wake_case cases[] = {
+        {{100, 5000000}, {100, 6020000}, 2000000, 0, 20000, 1, 4800240, {100, 6000000}}, // on time
+        {{7, 0}, {7, 2500000}, 2000000, 0, 1500000, 2, 336000, {7, 2000000}},            // 1.5 ms late
+        {{7, 0}, {7, 3500000}, 2000000, 1, 0, 0, 0, {7, 3000000}}, // 2.5 ms: from the current millisecond
+        {{7, 0}, {7, 3500000}, 3000000, 0, 2500000, 3, 336000, {7, 3000000}}, // allowed with -J 3 ms
+        {{7, 0}, {7, 999000}, 2000000, 1, 0, 0, 0, {7, 0}},                     // early
+        // clock steps of seconds either way; 4.294967296 s wraps the 32-bit lateness near zero
+        {{100, 0}, {103, 1000000}, 2000000, 1, 0, 0, 0, {103, 1000000}},
+        {{100, 0}, {97, 1000000}, 2000000, 1, 0, 0, 0, {97, 1000000}},
+        {{100, 0}, {104, 295967296}, 2000000, 1, 0, 0, 0, {104, 295000000}},
+        // the block at .999 s carries into the next second and crosses 2^32
+        {{89478, 999000000}, {89479, 0}, 2000000, 0, 0, 1, uint32_t(89478ull * 48000 + 47952), {89479, 0}},
+    };
+    for (const wake_case &c : cases) {
+        const wake_plan p = mix_wake_plan(c.prev, c.now, c.sysjitter);
+        const std::string at = std::to_string(c.now.tv_sec) + "." + std::to_string(c.now.tv_nsec);
+        EXPECT_EQ(p.resync, c.resync) << at;
+        EXPECT_EQ(p.resync ? 0 : p.jitter, c.jitter) << at;
+        EXPECT_EQ(p.blocks, c.blocks) << at;
+        EXPECT_EQ(p.rtp_ts, c.rtp_ts) << at;
+        EXPECT_EQ(p.ts_next.tv_sec, c.next.tv_sec) << at;
+        EXPECT_EQ(p.ts_next.tv_nsec, c.next.tv_nsec) << at;
     }
+    EXPECT_EQ(mix_rtp_ts({89479, 0}), uint32_t(89479ull * 48000)); // modulo 2^32
 }
 
-TEST(WakePlan, SecondCarryAndRtpWrap)
-{
-    // 89478 s * 48000 = 4294944000: the block at .999 s crosses 2^32
-    const wake_plan p = mix_wake_plan(at(89478, 999000000), at(89479, 0), 2000000);
-    EXPECT_EQ(p.blocks, 1);
-    EXPECT_EQ(p.rtp_ts, uint32_t(89478ull * 48000 + 47952));
-    EXPECT_EQ(p.ts_next.tv_sec, 89479);
-    EXPECT_EQ(p.ts_next.tv_nsec, 0);
-    EXPECT_EQ(mix_rtp_ts(at(89479, 0)), uint32_t(89479ull * 48000)); // wrapped modulo 2^32
-    EXPECT_LT(mix_rtp_ts(at(89479, 0)), mix_rtp_ts(at(89478, 0)));
-}
-
-TEST(TimespecAdd, CarriesOnce)
-{
-    timespec t = at(1, 999500000);
-    timespec_add_ns(&t, 1000000);
-    EXPECT_EQ(t.tv_sec, 2);
-    EXPECT_EQ(t.tv_nsec, 500000);
-}
-
-TEST(GracePeriod, ReturnsAtOnceWithoutACycle)
+TEST(GracePeriod, ReturnsAtOnceWithoutACycleAndGivesUpOnAStuckOne)
 {
     rt_set_alive(0);
     EXPECT_EQ(grace_wait(1000), 0);
+    rt_set_alive(1);
+    EXPECT_EQ(grace_wait(20), -1);
+    rt_set_alive(0);
 }
 
 TEST(GracePeriod, WaitsForTheWakeUpInProgress)
@@ -100,13 +70,6 @@ TEST(GracePeriod, WaitsForTheWakeUpInProgress)
     EXPECT_EQ(grace_wait(1000), 0);
     EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(4));
     cycle.join();
-    rt_set_alive(0);
-}
-
-TEST(GracePeriod, GivesUpOnAStuckCycle)
-{
-    rt_set_alive(1);
-    EXPECT_EQ(grace_wait(20), -1);
     rt_set_alive(0);
 }
 } // namespace

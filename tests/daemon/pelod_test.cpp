@@ -1,25 +1,20 @@
 // The command line, the pid file and the process lifecycle, mostly through
 // the built daemon.
 #include "daemon/pelod.h"
+#include "support/daemon.h"
 #include "support/emulation.h"
-#include "support/proc.h"
 
 #include <csignal>
-#include <cstring>
 #include <getopt.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
-const std::string usage_tail = "-D | --daemonize   Daemonize / run in background\n";
+const std::string usage = "pelod options\n-D | --daemonize   Daemonize / run in background\n";
 
 class PelodOptions : public ::testing::Test { // state: globals at their start values
 protected:
     void SetUp() override
     {
-        optind = 0; // full getopt reset between cases
-        opterr = 0;
         vox_notify_port = 5000;
         opt_sysjitter_ns = 2000000;
         debug = 0;
@@ -27,15 +22,16 @@ protected:
     }
     int parse(std::vector<std::string> args)
     {
-        optind = 0;
+        optind = 0; // full getopt reset between calls
+        opterr = 0;
         args.insert(args.begin(), "pelod");
         std::vector<char *> av;
         for (std::string &a : args)
             av.push_back(a.data());
         av.push_back(nullptr);
-        store = std::move(args);
+        store = std::move(args); // optarg points into it
         testing::internal::CaptureStdout();
-        const int r = pelod_parse_options(int(store.size()), av.data(), &cl);
+        const int r = pelod_parse_options(int(av.size() - 1), av.data(), &cl);
         printed = testing::internal::GetCapturedStdout();
         return r;
     }
@@ -54,58 +50,40 @@ TEST_F(PelodOptions, ValuesReachTheirGlobals)
     EXPECT_EQ(debug, 1);
     EXPECT_STREQ(pelod_conf_file, "x.conf");
     EXPECT_EQ(printed, "");
-}
-
-TEST_F(PelodOptions, AnyDeviceStartingWithDashMeansTheSystemClock)
-{
-    EXPECT_EQ(parse({"--phc-dev=-none"}), 0);
-    EXPECT_EQ(cl.phc_dev, nullptr);
-    EXPECT_EQ(parse({"-p", "/dev/ptp1"}), 0);
+    EXPECT_EQ(parse({"-p", "/dev/ptp1", "-J"}), 0); // "-J" carries no value
     EXPECT_STREQ(cl.phc_dev, "/dev/ptp1");
+    EXPECT_EQ(opt_sysjitter_ns, 3500000);
+    EXPECT_EQ(parse({"--phc-dev=-none"}), 0); // any device starting with '-' is the system clock
+    EXPECT_EQ(cl.phc_dev, nullptr);
 }
 
-TEST_F(PelodOptions, ShortJitterOptionCarriesNoValue)
+// "-h" and "--help" name the option table's entry at the index they reset
+// (the first, and their own); anything unknown prints the usage only.
+TEST_F(PelodOptions, HelpAndUnknownOptionsPrintTheUsage)
 {
-    EXPECT_EQ(parse({"-J"}), 0);
-    EXPECT_EQ(opt_sysjitter_ns, 2000000);
-    EXPECT_EQ(parse({"--sysjitter=0.0005"}), 0);
-    EXPECT_EQ(opt_sysjitter_ns, 500000);
-}
-
-TEST_F(PelodOptions, HelpNamesTheTableEntryAtTheResetIndex)
-{
-    EXPECT_EQ(parse({"-h"}), 1);
-    EXPECT_EQ(printed.rfind("pelod unrecognized option: daemonize\n\npelod options\n" + usage_tail, 0), 0u)
-        << printed;
-    EXPECT_EQ(parse({"--help"}), 1);
-    EXPECT_EQ(printed.rfind("pelod unrecognized option: help\n\npelod options\n", 0), 0u) << printed;
-}
-
-TEST_F(PelodOptions, UnknownOptionsAndPPrintTheUsageOnly)
-{
-    for (std::vector<std::string> a : {std::vector<std::string>{"-P", "1"}, {"--bogus"}, {"-x"}}) {
-        EXPECT_EQ(parse(a), 1);
-        EXPECT_EQ(printed.rfind("pelod options\n" + usage_tail, 0), 0u) << printed;
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"-h"}, "pelod unrecognized option: daemonize\n\n" + usage},
+        {{"--help"}, "pelod unrecognized option: help\n\n" + usage},
+        {{"-P", "1"}, usage},
+        {{"--bogus"}, usage},
+        {{"-x"}, usage}};
+    for (const auto &[args, start] : cases) {
+        EXPECT_EQ(parse(args), 1) << args[0];
+        EXPECT_EQ(printed.rfind(start, 0), 0u) << printed;
     }
 }
 
 TEST(PelodPidFile, NamedAfterTheConfigurationFile)
 {
+    const std::pair<const char *, const char *> cases[] = {{"/etc/pelod.conf", "/var/run/pelod.pid"},
+                                                           {"/x/y/studio.cfg.txt", "/var/run/studio.cfg.pid"},
+                                                           {"noext", "/var/run/noext.pid"},
+                                                           {"/a.b/plain", "/var/run/plain.pid"}};
     char buf[256];
-    pidfile_name(buf, sizeof buf, "/etc/pelod.conf");
-    EXPECT_STREQ(buf, "/var/run/pelod.pid");
-    pidfile_name(buf, sizeof buf, "/x/y/studio.cfg.txt");
-    EXPECT_STREQ(buf, "/var/run/studio.cfg.pid");
-    pidfile_name(buf, sizeof buf, "noext");
-    EXPECT_STREQ(buf, "/var/run/noext.pid");
-    pidfile_name(buf, sizeof buf, "/a.b/plain");
-    EXPECT_STREQ(buf, "/var/run/plain.pid");
-}
-
-TEST(PelodSsrc, IsTheWeakMonotonicSum)
-{
-    const uint32_t s = rtp_generate_ssrc();
-    EXPECT_LE(s, 7140u);
+    for (auto [conf, pid] : cases) {
+        pidfile_name(buf, sizeof buf, conf);
+        EXPECT_STREQ(buf, pid);
+    }
 }
 
 TEST(PelodBinary, UsageExitsWithZeroAndFullText)
@@ -136,40 +114,26 @@ TEST(PelodBinary, MissingClockDeviceFailsWithStatusOne)
 TEST(PelodBinary, DebugLineShowsTheMinimumPlayoutDelay)
 {
     SKIP_UNDER_EMULATION();
-    const std::string conf = tmp_file("# empty\n");
     for (auto [arg, want] : {std::pair{"--sysjitter=0.0035", "jitter:3500000ns minoffs:144samples"},
                              std::pair{"--sysjitter=0.0005", "jitter:500000ns minoffs:0samples"}}) {
-        bg_proc p;
-        ASSERT_TRUE(p.start({PELOD_BIN, "-p", "-", "-d", arg, "-f", conf}));
-        EXPECT_TRUE(wait_until(3000, [](void *pp) {
-            return static_cast<bg_proc *>(pp)->out().find("libopus") != std::string::npos;
-        }, &p));
+        pelod_proc p("# empty\n");
+        ASSERT_TRUE(p.start_up({"-d", arg})) << p.err();
         p.signal(SIGTERM);
         EXPECT_EQ(p.wait(), 0);
         EXPECT_NE(p.out().find(std::string("pelod clock:SYSTEM ") + want + " vector64:NEON"), std::string::npos)
             << p.out();
     }
-    unlink(conf.c_str());
 }
-
-bool file_exists(void *path) { return access(static_cast<const char *>(path), F_OK) == 0; }
 
 TEST(PelodLifecycle, SignalsReloadResetAndStopCleanly)
 {
     SKIP_UNDER_EMULATION();
-    const std::string conf = tmp_file("# nothing routed\n", ".lifecycle.conf");
-    char pid_path[512];
-    pidfile_name(pid_path, sizeof pid_path, conf.c_str());
-    bg_proc p;
-    ASSERT_TRUE(p.start({PELOD_BIN, "-p", "-", "-d", "-f", conf}));
-    ASSERT_TRUE(wait_until(3000, file_exists, pid_path)) << "no pid file " << pid_path;
-    usleep(50000);
-    EXPECT_EQ(read_file(pid_path), std::to_string(p.pid) + "\n");
-
+    pelod_proc p("# nothing routed\n", ".lifecycle.conf");
+    ASSERT_TRUE(p.start_up({"-d"})) << "no pid file " << p.pid_path();
+    EXPECT_TRUE(wait_for(1000, [&] { return read_file(p.pid_path()) == std::to_string(p.pid) + "\n"; }));
     p.signal(SIGHUP);
-    EXPECT_TRUE(wait_until(3000, [](void *pp) {
-        return static_cast<bg_proc *>(pp)->out().find("HUP received. Config reloading.\n") != std::string::npos;
-    }, &p)) << p.out();
+    EXPECT_TRUE(wait_for(3000, [&] { return p.out().find("HUP received. Config reloading.\n") != std::string::npos; }))
+        << p.out();
     p.signal(SIGUSR1);
     usleep(100000);
     p.signal(SIGTERM);
@@ -179,7 +143,6 @@ TEST(PelodLifecycle, SignalsReloadResetAndStopCleanly)
     const size_t j = out.find("jitter max ");
     ASSERT_NE(j, std::string::npos) << out;
     EXPECT_NE(out.find("ns\n", j), std::string::npos);
-    EXPECT_FALSE(file_exists(pid_path));
-    unlink(conf.c_str());
+    EXPECT_NE(access(p.pid_path().c_str(), F_OK), 0) << "pid file removed";
 }
 } // namespace

@@ -1,18 +1,15 @@
-#include "daemon/mix.h"
 #include "daemon/mixrun.h"
-#include "daemon/pelod.h"
 #include "daemon/vox.h"
-#include "routing/xpt.h"
 #include "support/alloc_count.h"
+#include "support/cycle_tables.h"
+#include "support/daemon.h"
 #include "support/emulation.h"
-#include "support/proc.h"
 
 #include <arpa/inet.h>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 namespace {
 using texts = std::vector<std::string>;
@@ -49,10 +46,7 @@ protected:
     uint32_t ts = 480000;
     void SetUp() override
     {
-        mix_inp_init();
-        mix_init();
-        for (int i = 0; i < RTP_DST_MAX; i++)
-            dst_init(&rtp_dsts[i], i);
+        reset_cycle_tables();
         vox_notify_pending = 0;
         vox_notify_close();
         vox_notify_port = rx.port;
@@ -207,18 +201,12 @@ TEST_F(VoxFlows, SocketFailureKeepsTheNotificationPending)
     EXPECT_EQ(vox_notify_pending, 0);
 }
 
-bool exists(void *path) { return access(static_cast<const char *>(path), F_OK) == 0; }
-
 TEST(VoxDaemon, EveryReloadAnnouncesTheCurrentList)
 {
     SKIP_UNDER_EMULATION();
     vox_listener rx;
-    const std::string conf = tmp_file("# no routes\n");
-    char pid_path[4096];
-    pidfile_name(pid_path, sizeof pid_path, conf.c_str());
-    bg_proc p;
-    ASSERT_TRUE(p.start({PELOD_BIN, "-p", "-", "-f", conf, "--vox-notify-port=" + std::to_string(rx.port)}));
-    ASSERT_TRUE(wait_until(3000, exists, pid_path)) << p.err();
+    pelod_proc p("# no routes\n");
+    ASSERT_TRUE(p.start_up({"--vox-notify-port=" + std::to_string(rx.port)})) << p.err();
     EXPECT_EQ(rx.take(300), texts{}) << "nothing before a change or a reload";
     for (int i = 0; i < 2; i++) {
         p.signal(SIGHUP);
@@ -226,6 +214,5 @@ TEST(VoxDaemon, EveryReloadAnnouncesTheCurrentList)
     }
     p.signal(SIGTERM);
     EXPECT_EQ(p.wait(), 0);
-    unlink(conf.c_str());
 }
 } // namespace

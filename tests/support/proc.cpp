@@ -25,6 +25,14 @@ std::string tmp_file(const std::string &text, const std::string &suffix)
     return buf.data();
 }
 
+daemon_conf::~daemon_conf()
+{
+    const size_t slash = path.rfind('/') + 1;
+    const std::string base = path.substr(slash, path.rfind('.') - slash);
+    unlink(path.c_str());
+    unlink(("/tmp/" + base + ".stat").c_str());
+}
+
 std::string read_file(const std::string &path)
 {
     std::ifstream f(path, std::ios::binary);

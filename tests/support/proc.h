@@ -7,6 +7,16 @@
 // Writes text into a new file under /tmp and returns its path.
 std::string tmp_file(const std::string &text, const std::string &suffix = ".conf");
 
+// A configuration file for the built daemon under /tmp, removed together
+// with the report the daemon writes for it ("/tmp/<base>.stat").
+struct daemon_conf {
+    std::string path;
+    explicit daemon_conf(const std::string &text, const std::string &suffix = ".conf")
+        : path(tmp_file(text, suffix)) {}
+    daemon_conf(const daemon_conf &) = delete;
+    ~daemon_conf();
+};
+
 struct run_result {
     int status = -1; // exit status, or -1 when it did not exit normally
     std::string out, err;
@@ -31,3 +41,8 @@ struct bg_proc {
 std::string read_file(const std::string &path);
 // Polls until pred() or timeout_ms; returns pred()'s last value.
 bool wait_until(int timeout_ms, bool (*pred)(void *), void *arg);
+// The same for any callable, e.g. a lambda that reads a process's output.
+template <class F> bool wait_for(int timeout_ms, F pred)
+{
+    return wait_until(timeout_ms, [](void *f) { return (*static_cast<F *>(f))(); }, &pred);
+}
