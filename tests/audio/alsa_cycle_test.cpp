@@ -1,19 +1,36 @@
-// One block of the cycle against the PCM double: what reaches the
-// loudspeaker, and what the microphone flows receive.
+// One block of the cycle against the PCM double: what the loudspeaker
+// plays of the sound-card source, and what the microphone flows receive.
 #include "audio/alsa.h"
 #include "daemon/mixrun.h"
 #include "daemon/pelod.h"
 #include "fake_pcm.h"
+#include "support/alloc_count.h"
 #include "support/capture.h"
 #include "support/cycle_tables.h"
 
+#include <bit>
+#include <climits>
 #include <gtest/gtest.h>
 
 namespace {
 using block = std::array<int32_t, 96>;
 constexpr uint32_t TS = 96000;
 
-class AlsaCycle : public ::testing::Test { // state: card open, nothing routed, microphone flow 4
+block frames(int32_t left, int32_t right)
+{
+    block b;
+    for (size_t k = 0; k < 96; k += 2) {
+        b[k] = left;
+        b[k + 1] = right;
+    }
+    return b;
+}
+
+// Captured value i: 24 bits on the wire, (i + 1) * 1000 with the sign of
+// the channel (left positive) once extended.
+int32_t mic_value(int i) { return (i + 1) * 1000 * (i % 2 ? -1 : 1); }
+
+class AlsaCycle : public ::testing::Test { // state: card open, nothing routed
 protected:
     void SetUp() override
     {
@@ -21,9 +38,9 @@ protected:
         fake_pcm_reset();
         ASSERT_EQ(captured(alsa_open).status, 0);
         reset_cycle_tables();
-        rtp_dsts[4].ep.sa_dst.sin_family = alsa_src_family;
-        rtp_dsts[4].pdly = 48;
-        fake_play.avail = {384, 0};
+        for (fake_pcm_stream *s : {&fake_play, &fake_cap})
+            s->calls.reserve(64);
+        fake_play.written.reserve(4);
         buf.fill(0x00123456);
     }
     void TearDown() override
@@ -31,46 +48,140 @@ protected:
         alsa_close();
         reset_cycle_tables();
     }
+    // One block with room for one write, and a captured block waiting when
+    // `capture` (else nothing to read). Returns what was played.
+    block run(bool capture = false, uint32_t ts = TS)
+    {
+        fake_play.avail = {384, 0};
+        fake_cap.avail = {capture ? 384 : 48, 0};
+        for (int i = 0; i < 96; i++)
+            fake_cap.capture.push_back(mic_value(i) & 0x00FFFFFF);
+        alloc_count_start();
+        mix_block(ts, buf.data());
+        EXPECT_EQ(alloc_count_stop(), 0);
+        EXPECT_EQ(fake_play.written.size(), 1u);
+        return fake_play.written.empty() ? block{} : fake_play.written[0];
+    }
+    rtp_src &card_source(int nchn, int mix0, int mix1)
+    {
+        src.ep.sa_dst.sin_family = alsa_src_family;
+        src.nchn = nchn;
+        src.mix[0] = mix0;
+        src.mix[1] = mix1;
+        src.gainv[0] = src.gainv[1] = 1.0f;
+        rtp_srcs = &src;
+        return src;
+    }
+    static void mic(int i, int nchan, uint32_t pdly)
+    {
+        rtp_dsts[i].ep.sa_dst.sin_family = alsa_src_family;
+        rtp_dsts[i].fmt.nchan = nchan;
+        rtp_dsts[i].pdly = pdly;
+    }
     block buf;
+    rtp_src src{};
 };
 
 TEST_F(AlsaCycle, WithoutASoundCardSourceSilenceIsPlayedAndTheMicrophoneHeard)
 {
-    for (int k = 0; k < 96; k++)
-        fake_cap.capture.push_back(k % 2 ? 0x00FFFFFF : k * 100);
-    fake_cap.avail = {384, 0};
-    mix_block(TS, buf.data());
-    EXPECT_EQ(fake_play.written, std::vector<block>{block{}});
+    mic(4, 0, 48);
+    EXPECT_EQ(run(true), block{});
     for (int k = 0; k < 48; k++)
-        EXPECT_EQ(*mix_slot(TS + 48 + uint32_t(k), 4), float(k * 200) * int24_to_float) << k;
-    EXPECT_EQ(buf[1], -1); // the buffer ends holding the captured block
+        EXPECT_EQ(*mix_slot(TS + 48 + uint32_t(k), 4), float(mic_value(2 * k)) * int24_to_float) << k;
+    EXPECT_EQ(buf[1], -2000); // the buffer ends holding the captured block, sign-extended
 }
 
 // Of two sound-card sources the last is played; with nothing captured the
 // buffer keeps that block, and the microphone flow takes it.
 TEST_F(AlsaCycle, TheLastSourceIsPlayedAndHeardWhenNothingIsCaptured)
 {
-    static rtp_src first, last;
-    first = last = rtp_src{};
-    for (rtp_src *s : {&first, &last}) {
-        s->ep.sa_dst.sin_family = alsa_src_family;
-        s->nchn = 1;
-        s->gainv[0] = s->gainv[1] = 1.0f;
-    }
+    mic(4, 0, 48);
+    rtp_src &last = card_source(1, 3, 3);
+    rtp_src first = last;
     first.mix[0] = 1;
-    last.mix[0] = 3;
     first.next = &last;
     rtp_srcs = &first;
     for (int k = 0; k < 48; k++) {
         mix_out[k * MIX_OUT_MAX + 1] = 0.5f;
         mix_out[k * MIX_OUT_MAX + 3] = -0.25f;
     }
-    fake_cap.avail = {48};
-    mix_block(TS, buf.data());
-    block played;
-    played.fill(-2097151);
-    EXPECT_EQ(fake_play.written, std::vector<block>{played});
-    EXPECT_EQ(fake_cap.count("readi"), 0);
+    EXPECT_EQ(run(), frames(-2097151, -2097151));
     EXPECT_EQ(*mix_slot(TS + 48, 4), float(-2097151) * int24_to_float);
+}
+
+struct render_case {
+    int nchn, mix1; // mix[0] is 2, holding 0.5; mix 5 holds -0.25
+    float gain0, gain1;
+    bool limiter; // enabled, its output 0.125 and -0.0625
+    int32_t left, right;
+};
+
+class AlsaCycleRender : public AlsaCycle, public ::testing::WithParamInterface<render_case> {};
+
+TEST_P(AlsaCycleRender, SoundCardSourcePlaysItsMixesWithTheirGains)
+{
+    const render_case &c = GetParam();
+    for (int k = 0; k < 48; k++) {
+        mix_out[k * MIX_OUT_MAX + 2] = 0.5f;
+        mix_out[k * MIX_OUT_MAX + 5] = -0.25f;
+        src.limcom.outputBuffer[k] = 0.125f;
+        src.limcom.outputBuffer[48 + k] = -0.0625f;
+    }
+    rtp_src &s = card_source(c.nchn, 2, c.mix1);
+    s.gainv[0] = c.gain0;
+    s.gainv[1] = c.gain1;
+    s.limcom.current_params.enable = c.limiter;
+    EXPECT_EQ(run(), frames(c.left, c.right));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sources, AlsaCycleRender,
+    ::testing::Values(render_case{2, 5, 0.5f, 1.0f, false, 2097151, -2097151}, // 0.25 * 8388607 toward zero
+                      render_case{1, 5, 0.5f, 0.5f, false, 2097151, 2097151},  // one mix feeds both sides
+                      render_case{2, -1, 1.0f, 1.0f, false, 4194303, 0},       // no mix: silence
+                      render_case{2, 5, 1.0f, 1.0f, true, 1048575, -524287},   // the limiter's output instead
+                      render_case{1, 5, 1.0f, 1.0f, true, 1048575, 1048575}));
+
+TEST_F(AlsaCycle, FullScaleTruncatesAndOverloadSaturates)
+{
+    const float in[] = {1.0f, -1.0f, 1e4f, -1e4f, 1e-7f, std::bit_cast<float>(0x7FC00000u)};
+    const int32_t want[] = {8388607, -8388607, INT32_MAX, INT32_MIN, 0, 0};
+    for (size_t k = 0; k < std::size(in); k++)
+        mix_out[k * MIX_OUT_MAX + 2] = in[k];
+    card_source(1, 2, 2);
+    const block b = run();
+    for (size_t k = 0; k < std::size(in); k++)
+        EXPECT_EQ(b[2 * k], want[k]) << in[k];
+}
+
+// Channel count 0 and 2 take the left channel, 3 every third value; 1
+// deliberately takes all 96 interleaved values into 96 slots.
+TEST_F(AlsaCycle, MicrophoneChannelCountSetsTheStep)
+{
+    for (auto [nchan, count, step] : {std::array{0, 48, 2}, {1, 96, 1}, {2, 48, 2}, {3, 32, 3}}) {
+        SetUp();
+        mic(9, nchan, 48);
+        run(true);
+        for (int k = 0; k <= count; k++)
+            EXPECT_EQ(*mix_slot(TS + 48 + uint32_t(k), 9), k < count ? float(mic_value(k * step)) * int24_to_float : 0)
+                << nchan << " " << k;
+    }
+}
+
+TEST_F(AlsaCycle, OnlySoundCardFlowsHearTheMicrophoneAtTheirOwnDelay)
+{
+    rtp_dsts[0].ep.sa_dst.sin_family = AF_INET;
+    mic(3, 0, 48);
+    mic(7, 0, 96);
+    const uint32_t ts = 5u * 8192u - 60u; // the block ends past the ring's last row
+    run(true, ts);
+    const float first = float(mic_value(0)) * int24_to_float, last = float(mic_value(94)) * int24_to_float;
+    EXPECT_EQ(mix_inp[8180 * MIX_INP_MAX + 3], first);
+    EXPECT_EQ(mix_inp[35 * MIX_INP_MAX + 3], last); // wrapped to the ring's start
+    EXPECT_EQ(mix_inp[36 * MIX_INP_MAX + 3], 0.0f);
+    EXPECT_EQ(*mix_slot(ts + 96, 7), first);
+    EXPECT_EQ(*mix_slot(ts + 96 + 47, 7), last);
+    for (uint32_t t = 0; t < 8192; t++)
+        ASSERT_EQ(mix_inp[t * MIX_INP_MAX + 0], 0.0f) << t;
 }
 } // namespace

@@ -7,6 +7,7 @@
 #include <alsa/asoundlib.h>
 #include <algorithm>
 #include <cstring>
+#include <tuple>
 #include <gtest/gtest.h>
 
 namespace {
@@ -42,11 +43,18 @@ protected:
     {
         AlsaClosed::SetUp();
         ASSERT_EQ(captured(alsa_open).status, 0);
-        fake_play.calls.clear();
-        fake_cap.calls.clear();
+        for (fake_pcm_stream *s : {&fake_play, &fake_cap}) {
+            s->calls.clear();
+            s->calls.reserve(256); // the double allocates nothing while counting
+            s->written.reserve(64);
+        }
     }
 };
 
+// Each stream gets 48 kHz stereo S24 in a 384-frame buffer (playback after
+// an S16 probe); only capture is started. A failing buffer-size step reports
+// the text of code 1 with the adjusted count, and opening goes on without
+// installing that pass.
 TEST_F(AlsaClosed, OpenConfiguresBothStreamsAndStartsCaptureOnly)
 {
     const run_result r = captured(alsa_open);
@@ -55,20 +63,22 @@ TEST_F(AlsaClosed, OpenConfiguresBothStreamsAndStartsCaptureOnly)
     const fake_hw s24{SND_PCM_FORMAT_S24_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 48000, 2, 384};
     fake_hw s16 = s24;
     s16.format = SND_PCM_FORMAT_S16_LE;
-    EXPECT_EQ(fake_play.installed, (std::vector<fake_hw>{s16, s24})); // the S16 probe, then S24
+    EXPECT_EQ(fake_play.installed, (std::vector<fake_hw>{s16, s24}));
     EXPECT_EQ(fake_cap.installed, std::vector<fake_hw>{s24});
-    for (const fake_pcm_stream *s : {&fake_play, &fake_cap}) {
-        EXPECT_TRUE(s->open);
-        EXPECT_EQ(s->start_threshold, 192u);
-        EXPECT_EQ(s->stop_threshold, FAKE_BOUNDARY);
-        EXPECT_EQ(s->avail_min, 48u);
-    }
+    for (const fake_pcm_stream *s : {&fake_play, &fake_cap})
+        EXPECT_EQ(std::tie(s->start_threshold, s->stop_threshold, s->avail_min), std::tuple(192ul, FAKE_BOUNDARY, 48ul));
     EXPECT_EQ(fake_play.calls, strings{});
     EXPECT_EQ(fake_cap.calls, strings{"start"});
+
+    SetUp();
+    fake_fault = {0, "snd_pcm_hw_params_set_buffer_size_near", 1, -EINVAL};
+    EXPECT_EQ(captured(alsa_open).out, "Unable to set buffer size 400 Operation not permitted\n");
+    EXPECT_EQ(fake_play.installed, std::vector<fake_hw>{s24});
+    EXPECT_EQ(fake_cap.installed, std::vector<fake_hw>{s24});
 }
 
-// Never opened, or closed (twice): no call reaches the library, and the
-// microphone is silent.
+// Never opened, or closed (twice; each stream is closed once): no call
+// reaches the library, and the microphone is silent.
 TEST_F(AlsaClosed, ClosedStreamsAreLeftAloneAndTheMicrophoneIsSilent)
 {
     for (bool opened : {false, true}) {
@@ -76,7 +86,6 @@ TEST_F(AlsaClosed, ClosedStreamsAreLeftAloneAndTheMicrophoneIsSilent)
             ASSERT_EQ(captured(alsa_open).status, 0);
             alsa_close();
             alsa_close();
-            EXPECT_FALSE(fake_play.open || fake_cap.open);
             EXPECT_EQ(fake_play.calls, strings{"close"});
             EXPECT_EQ(fake_cap.calls, (strings{"start", "close"}));
             fake_play.calls.clear();
@@ -88,19 +97,6 @@ TEST_F(AlsaClosed, ClosedStreamsAreLeftAloneAndTheMicrophoneIsSilent)
         EXPECT_EQ(b, block{});
         EXPECT_TRUE(fake_play.calls.empty() && fake_cap.calls.empty());
     }
-}
-
-// The buffer-size step reports the text of code 1 with the adjusted count
-// and lets opening go on without installing that pass.
-TEST_F(AlsaClosed, BufferSizeFailureSkipsTheInstallAndGoesOn)
-{
-    fake_fault = {0, "snd_pcm_hw_params_set_buffer_size_near", 1, -EINVAL};
-    const run_result r = captured(alsa_open);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "Unable to set buffer size 400 Operation not permitted\n");
-    EXPECT_EQ(r.err, "");
-    ASSERT_EQ(fake_play.installed.size(), 1u);
-    EXPECT_EQ(fake_play.installed[0].format, SND_PCM_FORMAT_S24_LE);
 }
 
 struct open_failure {
@@ -167,36 +163,59 @@ INSTANTIATE_TEST_SUITE_P(
 // Either direction: a block moves when more than 48 frames are free (to
 // play) or waiting (to read), an error counting as plenty, and moves again
 // while more than 192 are, at most ALSA_LOOP_MAX times. A read over an
-// earlier one keeps the newest block.
+// earlier one keeps the newest block; a failed read is followed by the
+// recovery its code calls for. The next call moves one block as usual.
 struct loop_case {
     bool capture;
     std::deque<long> avail; // answers, then avail_default
     long avail_default;
     std::deque<long> io; // read or write results, then 48
     int ret, moves, failures, cut;
+    std::deque<int> resume = {}; // resume results, then 0
+    strings recovery = {};       // calls after one failed read
 };
 
 class AlsaLoop : public AlsaOpen, public ::testing::WithParamInterface<loop_case> {};
 
-TEST_P(AlsaLoop, RoomDecidesHowOftenABlockMoves)
+TEST_P(AlsaLoop, RoomDecidesHowOftenABlockMovesAndErrorsRecover)
 {
     const loop_case &c = GetParam();
     fake_pcm_stream &s = c.capture ? fake_cap : fake_play;
     s.avail = c.avail;
     s.avail_default = c.avail_default;
     s.io = c.io;
+    s.resume = c.resume;
     for (int k = 1; k <= 10; k++)
         queue_capture(ramp(1000 * k));
     block b = ramp(10);
-    EXPECT_EQ(c.capture ? alsa_rec48(b.data()) : alsa_play48(b.data()), c.ret);
+    b[0] = 0x00C00000; // negative once sign-extended
+    const block before = b;
+    const auto move = [&] { return c.capture ? alsa_rec48(b.data()) : alsa_play48(b.data()); };
+    alloc_count_start();
+    EXPECT_EQ(move(), c.ret);
+    EXPECT_EQ(alloc_count_stop(), 0);
     EXPECT_EQ(s.count(c.capture ? "readi" : "writei"), c.moves);
     EXPECT_EQ(c.capture ? alsa_cap_reread : alsa_ply_rewrite, unsigned(std::max(c.moves - 1, 0)));
     EXPECT_EQ(c.capture ? alsa_cap_err : alsa_ply_or, unsigned(c.failures));
+    EXPECT_EQ(alsa_cap_xrun, alsa_cap_err);
     EXPECT_EQ(alsa_loop_cut, unsigned(c.cut));
-    if (c.capture)
-        EXPECT_EQ(b, c.moves > c.failures ? ramp(1000 * c.moves) : ramp(10));
-    else
-        EXPECT_EQ(fake_play.written, std::vector<block>(size_t(c.moves), ramp(10)));
+    if (!c.recovery.empty()) {
+        strings want{"avail", "readi"};
+        want.insert(want.end(), c.recovery.begin(), c.recovery.end());
+        want.push_back("avail_update");
+        EXPECT_EQ(s.calls, want);
+    }
+    if (!c.capture)
+        EXPECT_EQ(fake_play.written, std::vector<block>(size_t(c.moves), before));
+    else if (c.moves > c.failures)
+        EXPECT_EQ(b, ramp(1000 * c.moves));
+    else // a failed read leaves the block, sign-extended all the same
+        EXPECT_EQ(b[0], c.moves ? int32_t(0xFFC00000u) : 0x00C00000);
+    s.avail = {384, 0};
+    s.avail_default = 0;
+    s.io.clear();
+    EXPECT_EQ(move(), 48);
+    EXPECT_TRUE(!c.capture || b == ramp(1000 * (c.moves - c.failures + 1)));
 }
 
 constexpr int MAX = ALSA_LOOP_MAX;
@@ -213,7 +232,13 @@ INSTANTIATE_TEST_SUITE_P(
                       // a device that never fills or drains, or always fails
                       loop_case{false, {}, 384, {}, 48, MAX, 0, 1}, loop_case{true, {}, 384, {}, 48, MAX, 0, 1},
                       loop_case{false, {}, -ESTRPIPE, std::deque<long>(MAX, -ESTRPIPE), -ESTRPIPE, MAX, MAX, 1},
-                      loop_case{true, {}, 384, std::deque<long>(MAX, -EIO), -EIO, MAX, MAX, 1}));
+                      loop_case{true, {}, 384, std::deque<long>(MAX, -EIO), -EIO, MAX, MAX, 1},
+                      // recovery per error code
+                      loop_case{true, {384, 0}, 0, {-EPIPE}, -EPIPE, 1, 1, 0, {}, {"prepare"}},
+                      loop_case{true, {384, 0}, 0, {-ESTRPIPE}, -ESTRPIPE, 1, 1, 0, {0}, {"resume"}},
+                      loop_case{true, {384, 0}, 0, {-ESTRPIPE}, -ESTRPIPE, 1, 1, 0, {-ENOSYS}, {"resume", "prepare"}},
+                      loop_case{true, {384, 0}, 0, {-EIO}, -EIO, 1, 1, 0, {}, {"drop", "start"}},
+                      loop_case{true, {384, 0}, 0, {-EBADFD}, -EBADFD, 1, 1, 0, {}, {"drop", "start"}}));
 
 TEST_F(AlsaOpen, CaptureIsSignExtendedFrom24BitsAndRaisesASignedPeak)
 {
@@ -247,7 +272,13 @@ TEST_F(AlsaOpen, ShortReadKeepsTheRestAndIsPrintedOnlyWithDebug)
     queue_capture(ramp(100));
     fake_cap.io = {20, 20};
     fake_cap.avail = {384, 0, 384, 0};
-    const auto read = [&] { return alsa_rec48(b.data()); };
+    long allocs = 0;
+    const auto read = [&] {
+        alloc_count_start();
+        const int r = alsa_rec48(b.data());
+        allocs += alloc_count_stop();
+        return r;
+    };
     EXPECT_EQ(captured(read).out, "");
     EXPECT_EQ(b[39], 139);
     EXPECT_EQ(b[40], 0);
@@ -256,44 +287,8 @@ TEST_F(AlsaOpen, ShortReadKeepsTheRestAndIsPrintedOnlyWithDebug)
     EXPECT_EQ(captured(read).out, "snd_pcm_readi: 20\n");
     EXPECT_EQ(alsa_cap_low, 2u);
     EXPECT_EQ(alsa_cap_samples, 40u);
+    EXPECT_EQ(allocs, 0);
 }
-
-struct recovery_case {
-    int err;
-    std::deque<int> resume;
-    strings calls; // after the read
-};
-
-class AlsaRecovery : public AlsaOpen, public ::testing::WithParamInterface<recovery_case> {};
-
-TEST_P(AlsaRecovery, EachErrorCodeHasItsRecovery)
-{
-    const recovery_case &c = GetParam();
-    fake_cap.avail = {384, 0, 384, 0};
-    fake_cap.io = {c.err};
-    fake_cap.resume = c.resume;
-    block b{};
-    b[3] = 0x00C00000;
-    b[4] = 0x00000040;
-    EXPECT_EQ(alsa_rec48(b.data()), c.err);
-    EXPECT_EQ(alsa_cap_err, 1u);
-    EXPECT_EQ(alsa_cap_xrun, 1u);
-    strings expected{"avail", "readi"};
-    expected.insert(expected.end(), c.calls.begin(), c.calls.end());
-    expected.push_back("avail_update");
-    EXPECT_EQ(fake_cap.calls, expected);
-    EXPECT_EQ(b[3], int32_t(0xFFC00000u)); // the old contents are still sign-extended and measured
-    EXPECT_EQ(alsa_cap_peak, 0x40);
-    queue_capture(ramp(77));
-    EXPECT_EQ(alsa_rec48(b.data()), 48) << "the next cycle reads normally";
-    EXPECT_EQ(b, ramp(77));
-}
-
-INSTANTIATE_TEST_SUITE_P(PerCode, AlsaRecovery,
-                         ::testing::Values(recovery_case{-EPIPE, {}, {"prepare"}}, recovery_case{-ESTRPIPE, {0}, {"resume"}},
-                                           recovery_case{-ESTRPIPE, {-ENOSYS}, {"resume", "prepare"}},
-                                           recovery_case{-EIO, {}, {"drop", "start"}},
-                                           recovery_case{-EBADFD, {}, {"drop", "start"}}));
 
 // Suspended capture never sleeps in the cycle: while the card answers
 // -EAGAIN, each later resume attempt comes ALSA_RESUME_GAP calls after the
@@ -326,25 +321,5 @@ TEST_F(AlsaOpen, SuspendedCaptureRetriesResumeWithoutWaiting)
         EXPECT_EQ(alsa_cap_xrun, 1u);
         EXPECT_EQ(alsa_loop_cut, gives_up ? 1u : 0u);
     }
-}
-
-TEST_F(AlsaOpen, PlayAndCaptureAllocateNothing)
-{
-    for (fake_pcm_stream *s : {&fake_play, &fake_cap}) {
-        s->calls.reserve(256);
-        s->written.reserve(64);
-        s->avail_default = 384;
-    }
-    fake_cap.io = {-EPIPE, -EPIPE, -EPIPE, 20};
-    alsa_debug = 1;
-    block b = ramp(1);
-    testing::internal::CaptureStdout();
-    alloc_count_start();
-    for (int i = 0; i < 4; i++) {
-        alsa_play48(b.data());
-        alsa_rec48(b.data());
-    }
-    EXPECT_EQ(alloc_count_stop(), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "snd_pcm_readi: 20\n");
 }
 } // namespace

@@ -9,7 +9,15 @@
 #include <gtest/gtest.h>
 
 namespace {
-const std::string usage = "pelod options\n-D | --daemonize   Daemonize / run in background\n";
+const std::string usage = " options\n"
+                          "-D | --daemonize   Daemonize / run in background\n"
+                          "-f | --file=FILE   Specify the configuration file. (default: /etc/pelod.conf)\n"
+                          "-p | --phc-dev=X   Programmable Hardware Clock device (e.g. /dev/ptp0)\n"
+                          "                   \"-\" - use the system clock\n"
+                          "-C | --cpu=X       CPU affinity\n"
+                          "-J | --sysjitter=X Max system jitter [s] (default: 0.002 i.e. 2ms)\n"
+                          "-d | --debug       Print debugging information\n"
+                          "-h | --help        Show help\n";
 
 class PelodOptions : public ::testing::Test { // state: globals at their start values
 protected:
@@ -62,14 +70,14 @@ TEST_F(PelodOptions, ValuesReachTheirGlobals)
 TEST_F(PelodOptions, HelpAndUnknownOptionsPrintTheUsage)
 {
     const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"-h"}, "pelod unrecognized option: daemonize\n\n" + usage},
-        {{"--help"}, "pelod unrecognized option: help\n\n" + usage},
-        {{"-P", "1"}, usage},
-        {{"--bogus"}, usage},
-        {{"-x"}, usage}};
-    for (const auto &[args, start] : cases) {
+        {{"-h"}, "pelod unrecognized option: daemonize\n\n"},
+        {{"--help"}, "pelod unrecognized option: help\n\n"},
+        {{"-P", "1"}, ""},
+        {{"--bogus"}, ""},
+        {{"-x"}, ""}};
+    for (const auto &[args, first] : cases) {
         EXPECT_EQ(parse(args), 1) << args[0];
-        EXPECT_EQ(printed.rfind(start, 0), 0u) << printed;
+        EXPECT_EQ(printed, first + "pelod" + usage);
     }
 }
 
@@ -86,27 +94,13 @@ TEST(PelodPidFile, NamedAfterTheConfigurationFile)
     }
 }
 
-TEST(PelodBinary, UsageExitsWithZeroAndFullText)
+TEST(PelodBinary, UsageExitsWithZeroAndAMissingClockWithOne)
 {
     SKIP_UNDER_EMULATION();
-    const run_result r = run_prog({PELOD_BIN, "-P", "1"});
+    run_result r = run_prog({PELOD_BIN, "-P", "1"});
     EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, std::string(PELOD_BIN) +
-                         " options\n"
-                         "-D | --daemonize   Daemonize / run in background\n"
-                         "-f | --file=FILE   Specify the configuration file. (default: /etc/pelod.conf)\n"
-                         "-p | --phc-dev=X   Programmable Hardware Clock device (e.g. /dev/ptp0)\n"
-                         "                   \"-\" - use the system clock\n"
-                         "-C | --cpu=X       CPU affinity\n"
-                         "-J | --sysjitter=X Max system jitter [s] (default: 0.002 i.e. 2ms)\n"
-                         "-d | --debug       Print debugging information\n"
-                         "-h | --help        Show help\n");
-}
-
-TEST(PelodBinary, MissingClockDeviceFailsWithStatusOne)
-{
-    SKIP_UNDER_EMULATION();
-    const run_result r = run_prog({PELOD_BIN, "-p", "/dev/nonexistent-ptp", "-f", "/nonexistent.conf"});
+    EXPECT_EQ(r.out, PELOD_BIN + usage);
+    r = run_prog({PELOD_BIN, "-p", "/dev/nonexistent-ptp", "-f", "/nonexistent.conf"});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("pelod: open(PHC_CLOCK): No such file or directory"), std::string::npos) << r.err;
 }

@@ -58,16 +58,17 @@ protected:
         rtp_dsts[i].vox = pelod_vox_cfg{threshold, holdtime, gate};
         return rtp_dsts[i];
     }
-    // One block: the flow's 48 ring samples are v, then the detector runs.
-    // Returns the flow's first sample as the mixing step would see it.
-    float block(int col = 0, float v = 0.0f)
+    // One block: every flow's 48 ring samples are v, then the detector runs.
+    void block(float v = 0.0f)
     {
         for (uint32_t k = 0; k < 48; k++)
-            *mix_slot(ts + k, col) = v;
+            for (int i = 0; i < RTP_DST_MAX; i++)
+                *mix_slot(ts + k, i) = v;
         vox_frame(ts);
         ts += 48;
-        return *mix_slot(ts - 48, col);
     }
+    // Flow i's first sample of that block, as the mixing step sees it.
+    float heard(int i) const { return *mix_slot(ts - 48, i); }
 };
 
 TEST_F(VoxFlows, StartAndEndOfEachTalkerSendTheWholeList)
@@ -89,48 +90,50 @@ TEST_F(VoxFlows, StartAndEndOfEachTalkerSendTheWholeList)
     }
 }
 
-TEST_F(VoxFlows, GatedFlowIsAudibleForItsHoldTimeAfterOneLoudPacket)
+// A gated flow is muted before mixing while inactive (this block's rows
+// only), and mixed for exactly its hold time from the block that sees a
+// loud packet.
+TEST_F(VoxFlows, GatedFlowIsMixedOnlyForItsHoldTimeAfterALoudPacket)
 {
-    flow(4, "talker", 0.1f, 1000, 1);
-    EXPECT_EQ(block(4, 0.3f), 0.0f) << "muted before the packet";
-    rtp_dsts[4].vox_sample = 0.3f;
-    int audible = 0;
-    for (int b = 0; b < 1100; b++)
-        audible += block(4, 0.3f) != 0.0f && audible == b;
-    EXPECT_EQ(audible, 1000) << "audible for 1000 contiguous blocks from the next";
+    flow(3, "talker", 0.1f, 1000, 1);
+    mix_gain_set(0, 3, 1.0f);
+    int32_t buf[96];
+    std::vector<int> mixed;
+    for (int b = 0; b < 1100; b++, ts += 48) {
+        for (uint32_t k = 0; k < 96; k++)
+            *mix_slot(ts + k, 3) = 0.5f;
+        if (b == 1)
+            rtp_dsts[3].vox_sample = 0.3f;
+        mix_block(ts, buf);
+        ASSERT_EQ(mix_out[0], mix_out[47 * MIX_OUT_MAX]) << b;
+        ASSERT_EQ(*mix_slot(ts + 48, 3), 0.5f) << b;
+        if (mix_out[0] != 0.0f)
+            mixed.push_back(b);
+    }
+    EXPECT_EQ(mixed.size(), 1000u);
+    EXPECT_EQ(mixed.front(), 1);
+    EXPECT_EQ(mixed.back(), 1000);
     EXPECT_EQ(rx.take(), (texts{R"({"vox":["talker"]})", R"({"vox":[]})"}));
 }
 
-TEST_F(VoxFlows, GateRemovesTheFlowFromTheMixOfThisBlockOnly)
+// Detection off (threshold 0), a free slot and a negative level never make
+// a flow active or mute it; hold time 0 announces each loud block but never
+// lists its flow.
+TEST_F(VoxFlows, OffFreeNegativeOrNoHoldTimeIsNeverListed)
 {
-    flow(3, "mic-a", 0.1f, 2, 1);
-    mix_gain_set(0, 3, 1.0f);
-    mix_gain_set(1, 4, 1.0f);
-    int32_t buf[96];
-    for (uint32_t k = 0; k < 96; k++)
-        *mix_slot(ts + k, 3) = *mix_slot(ts + k, 4) = 0.5f;
-    mix_block(ts, buf);
-    EXPECT_EQ(mix_out[0], 0.0f);
-    EXPECT_EQ(mix_out[1], 0.5f) << "another flow stays";
-    EXPECT_EQ(*mix_slot(ts + 48, 3), 0.5f) << "the next block is untouched";
-    rtp_dsts[3].vox_sample = 0.5f;
-    mix_block(ts + 48, buf);
-    EXPECT_EQ(mix_out[47 * MIX_OUT_MAX], 0.5f);
-}
-
-TEST_F(VoxFlows, OffFreeOrNegativeNeverActive)
-{
-    flow(0, "off", 0.0f, 100, 1).vox_sample = 1.0f; // threshold 0: detection off
-    rtp_dst &gone = flow(1, "gone", 0.1f, 100, 1);
-    gone.src[0] = '\0';
-    gone.vox_sample = 1.0f;
+    flow(0, "off", 0.0f, 100, 1);
+    flow(1, "", 0.1f, 100, 1);
     flow(2, "neg", 0.1f, 100, 0);
-    for (float v : {-0.2f, -1.0f}) {
+    flow(5, "zero", 0.1f, 0, 0);
+    for (float v : {-0.2f, -1.0f, 0.0f}) {
+        rtp_dsts[0].vox_sample = rtp_dsts[1].vox_sample = 1.0f;
         rtp_dsts[2].vox_sample = v; // the level is signed
-        EXPECT_EQ(block(0, 0.7f), 0.7f) << "never muted";
-        EXPECT_EQ(block(1, 0.7f), 0.7f);
+        rtp_dsts[5].vox_sample = v ? 0.5f : 0.0f;
+        block(0.7f);
+        EXPECT_EQ(heard(0), 0.7f);
+        EXPECT_EQ(heard(1), 0.7f);
     }
-    EXPECT_EQ(rx.take(), texts{});
+    EXPECT_EQ(rx.take(), (texts{R"({"vox":[]})", R"({"vox":[]})"}));
 }
 
 TEST_F(VoxFlows, OnlyTheLastPacketsFirstSampleCounts)
@@ -143,23 +146,12 @@ TEST_F(VoxFlows, OnlyTheLastPacketsFirstSampleCounts)
     };
     packet(ts + 96, 0.9f, 0.9f);
     packet(ts + 144, 0.01f, 0.9f);
-    block(6);
+    block();
     EXPECT_EQ(rx.take(), texts{});
     packet(ts + 96, 0.01f, 0.01f);
     packet(ts + 144, 0.2f, 0.0f);
-    block(6);
+    block();
     EXPECT_EQ(rx.take(), texts{R"({"vox":["late"]})"});
-}
-
-TEST_F(VoxFlows, HoldTimeZeroAnnouncesEveryLoudBlockButNeverLists)
-{
-    flow(0, "zero", 0.1f, 0, 0);
-    for (int b = 0; b < 2; b++) {
-        rtp_dsts[0].vox_sample = 0.5f;
-        block(1);
-    }
-    block(1);
-    EXPECT_EQ(rx.take(), (texts{R"({"vox":[]})", R"({"vox":[]})"}));
 }
 
 TEST_F(VoxFlows, LongNamesFitAndNothingIsAllocated)
@@ -191,12 +183,12 @@ TEST_F(VoxFlows, SocketFailureKeepsTheNotificationPending)
     const rlimit none{0, lim.rlim_max};
     testing::internal::CaptureStderr();
     setrlimit(RLIMIT_NOFILE, &none); // socket() fails
-    block(1);
-    block(1);
+    block();
+    block();
     setrlimit(RLIMIT_NOFILE, &lim);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "pelod: vox_notify: Too many open files\n");
     EXPECT_EQ(vox_notify_pending, 1);
-    block(1);
+    block();
     EXPECT_EQ(rx.take(), texts{R"({"vox":["a"]})"});
     EXPECT_EQ(vox_notify_pending, 0);
 }
