@@ -3,6 +3,7 @@
 #include "support/alloc_count.h"
 #include "support/cycle_tables.h"
 #include "support/emulation.h"
+#include "support/limcom_params.h"
 
 #include <atomic>
 #include <chrono>
@@ -11,19 +12,6 @@
 #include <thread>
 
 namespace {
-limcom_params lce(double t, int ch0 = 0, int ch1 = 1)
-{
-    limcom_params p;
-    std::memset(&p, 0, sizeof p);
-    p.enable = 1;
-    p.ch0 = ch0;
-    p.ch1 = ch1;
-    p.attack = p.release = 1;
-    p.threshold = t;
-    p.ratio = 4;
-    return p;
-}
-
 float tone(int col, int k) { return 0.9f * std::sin(0.3f * float(k) + float(col)); }
 
 class LimComGlue : public ::testing::Test { // state: start-up done, nothing routed
@@ -50,7 +38,7 @@ TEST_F(LimComGlue, FlowsAreLimitedInPlaceOnTheRowsOfTheBlock)
     for (uint32_t t = ts - 48; t != ts + 96; t++)
         for (int i = 0; i < RTP_DST_MAX; i++)
             *mix_slot(t, i) = tone(i, int(t - ts));
-    const limcom_params p = lce(0.3);
+    const limcom_params p = lce(1, 1, 0.3, 4);
     for (int i : {5, 47})
         CG_limcom_init_instance(&rtp_dsts[i].limcom, &p, 1);
     alloc_count_start();
@@ -69,7 +57,7 @@ TEST_F(LimComGlue, FlowsAreLimitedInPlaceOnTheRowsOfTheBlock)
 // silent instead of poisoning the mixes it feeds.
 TEST_F(LimComGlue, ThresholdZeroSilencesItsFlowWithoutPoisoningTheMix)
 {
-    const limcom_params p = lce(0.0);
+    const limcom_params p = lce(1, 1, 0.0, 4);
     CG_limcom_init_instance(&rtp_dsts[3].limcom, &p, 1);
     for (int k = 0; k < 48; k++)
         *mix_slot(uint32_t(k), 3) = *mix_slot(uint32_t(k), 4) = 0.25f;
@@ -103,7 +91,7 @@ TEST_P(LimComSelectors, ChannelsComeFromTheSelectedEntriesOfTheMixPair)
     src.nchn = c.nchn;
     src.mix[0] = 3;
     src.mix[1] = c.nchn > 1 ? 9 : 0; // a mono stream's second entry is unset
-    const limcom_params p = lce(0.3, c.ch0, c.ch1);
+    const limcom_params p = lce(1, 1, 0.3, 4, c.ch0, c.ch1);
     const int nchan = c.nchn == 1 ? 1 : 2;
     CG_limcom_init_instance(&src.limcom, &p, nchan);
     alloc_count_start();
@@ -140,7 +128,7 @@ TEST(LimComReinit, CycleNeverSeesAHalfInitialisedInstance)
             rt_cycle_done();
         }
     });
-    const limcom_params p = lce(0.5);
+    const limcom_params p = lce(1, 1, 0.5, 4);
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
     for (int n = 0; std::chrono::steady_clock::now() < end; n++) {
         CG_limcom_init_instance(&l, &p, 1 + n % 2);

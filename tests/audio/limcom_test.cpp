@@ -1,4 +1,5 @@
 #include "audio/CG_LimCom_interface.h"
+#include "support/limcom_params.h"
 
 #include <algorithm>
 #include <array>
@@ -12,19 +13,6 @@
 #include <vector>
 
 namespace {
-limcom_params lce(double a, double r, double t, double ratio, int enable = 1)
-{
-    limcom_params p;
-    std::memset(&p, 0, sizeof p); // padding too: instances compare it
-    p.enable = enable;
-    p.ch1 = 1;
-    p.attack = a;
-    p.release = r;
-    p.threshold = t;
-    p.ratio = ratio;
-    return p;
-}
-
 // Runs n samples of x through a one-channel limiter; returns the last
 // output, and appends the envelope after each block to env.
 template <class F> float run1(LimCom_Instance &l, int n, F x, std::vector<double> *env = nullptr)
@@ -176,7 +164,9 @@ TEST(LimComInit, DisabledInstanceLeavesBothBuffersUntouched)
 {
     for (int nchan : {1, 2, 3}) {
         LimCom_Instance l{};
-        const limcom_params on = lce(10, 250, 0.7, 1), off = lce(10, 250, 0.7, 1, 0);
+        const limcom_params on = lce(10, 250, 0.7, 1);
+        limcom_params off = on;
+        off.enable = 0;
         CG_limcom_init_instance(&l, &on, nchan);
         CG_limcom_init_instance(&l, nchan == 1 ? &off : nchan == 2 ? nullptr : &on, nchan);
         EXPECT_EQ(CG_limcom_is_enabled(&l), nchan == 3);
