@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <opus.h>
+#include <poll.h>
 #include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -27,14 +28,22 @@ protected:
         ASSERT_GE(fd, 0);
     }
     void TearDown() override { close(fd); }
-    std::vector<bytes> tone(std::vector<std::string> args)
+    std::vector<uint32_t> arrivals; // the media clock when each packet came
+    // Runs the tool; the first n packets are taken as they come, then whatever else it sent.
+    std::vector<bytes> tone(std::vector<std::string> args, size_t n)
     {
         args.insert(args.begin(), tone_bin);
         args.push_back("127.0.0.1:" + std::to_string(ntohs(a.sin_port)));
-        const run_result r = run_prog(args);
-        EXPECT_EQ(r.status, 0) << r.err;
-        std::vector<bytes> got; // the tool has ended: all it sent is queued
+        bg_proc p;
+        EXPECT_TRUE(p.start(args));
+        std::vector<bytes> got;
         bytes b(1500);
+        arrivals.clear();
+        for (pollfd pf{fd, POLLIN, 0}; got.size() < n && poll(&pf, 1, 2000) == 1;) {
+            got.emplace_back(b.begin(), b.begin() + recv(fd, b.data(), b.size(), 0));
+            arrivals.push_back(media_clock_now());
+        }
+        EXPECT_EQ(p.wait(), 0) << p.err();
         for (ssize_t l; (l = recv(fd, b.data(), b.size(), MSG_DONTWAIT)) >= 0;)
             got.emplace_back(b.begin(), b.begin() + l);
         return got;
@@ -43,8 +52,7 @@ protected:
 
 TEST_F(PelodTone, SendsAToneAsL24StereoOnTheMediaClock)
 {
-    const std::vector<bytes> got = tone({"-n", "20", "-c", "2", "-f", "1000,1500", "-l", "-6", "-s", "0x1234abcd"});
-    const uint32_t now = media_clock_now();
+    const std::vector<bytes> got = tone({"-n", "20", "-c", "2", "-f", "1000,1500", "-l", "-6", "-s", "0x1234abcd"}, 20);
     ASSERT_EQ(got.size(), 20u);
     for (size_t j = 0; j < got.size(); j++) {
         const uint8_t *p = got[j].data();
@@ -53,14 +61,14 @@ TEST_F(PelodTone, SendsAToneAsL24StereoOnTheMediaClock)
         EXPECT_EQ(be32(p + 8), 0x1234abcdu);
         EXPECT_EQ(be16(p + 2), uint16_t(be16(got[0].data() + 2) + j));
         EXPECT_EQ(be32(p + 4) - be32(got[0].data() + 4), 48 * j);
+        const int32_t age = int32_t(arrivals[j] - be32(p + 4)); // sent once its last sample is due
+        EXPECT_TRUE(age >= 48 && age < 48 * 200) << age;
         for (int k = 0; k < 96; k++) {
             const double f = k % 2 ? 1500 : 1000, amp = std::pow(10.0, -6 / 20.0);
             ASSERT_NEAR(be24(p + 12 + 3 * k), amp * std::sin(2 * M_PI * f * double(48 * j + k / 2) / 48000) * 8388608, 1.0)
                 << j << " " << k;
         }
     }
-    const int32_t age = int32_t(now - be32(got.back().data() + 4)); // the last one left just before
-    EXPECT_TRUE(age > 0 && age < 48 * 500) << age;
 }
 
 TEST_F(PelodTone, SendsAWavFileUnchangedAndOpusThatDecodes)
@@ -71,13 +79,13 @@ TEST_F(PelodTone, SendsAWavFileUnchangedAndOpusThatDecodes)
     for (int k = 0; k < 100; k++)
         wav.insert(wav.end(), {uint8_t(sample(k)), uint8_t(sample(k) >> 8)});
     const std::string path = tmp_file(std::string(wav.begin(), wav.end()), ".wav");
-    std::vector<bytes> got = tone({"-i", path});
+    std::vector<bytes> got = tone({"-i", path}, 3);
     unlink(path.c_str());
     ASSERT_EQ(got.size(), 3u); // 100 samples: two packets and one padded with silence
     for (int k = 0; k < 144; k++)
         ASSERT_EQ(be24(got[size_t(k / 48)].data() + 12 + 3 * (k % 48)), k < 100 ? sample(k) * 256 : 0) << k;
 
-    got = tone({"-F", "opus", "-n", "5"});
+    got = tone({"-F", "opus", "-n", "5"}, 5);
     ASSERT_EQ(got.size(), 5u);
     int err;
     OpusDecoder *dec = opus_decoder_create(48000, 1, &err);
@@ -165,36 +173,25 @@ TEST(PelodListen, ReportsPacketsGapsLevelsDelayAndWritesTheTimelineToWav)
         ASSERT_EQ(d[100 * 48 * 6 + i], 0) << i;
 }
 
-TEST(PelodToolsUsage, HelpBadArgumentsAndSilence)
+TEST(PelodToolsUsage, BadArgumentsAndSilence)
 {
     SKIP_UNDER_EMULATION();
-    const std::string quiet = "127.0.0.1:" + std::to_string(udp_free_port());
     const struct {
         std::vector<std::string> argv;
         int status;
-        std::vector<const char *> says; // in stdout or stderr; failures also start with "<tool>: "
+        std::vector<const char *> says; // in stdout or stderr
     } cases[] = {
-        {{tone_bin, "-F", "mp3", "127.0.0.1:9"}, 1, {}},
-        {{tone_bin, "-c", "3", "127.0.0.1:9"}, 1, {}},
-        {{tone_bin, "-F", "opus", "-t", "3", "127.0.0.1:9"}, 1, {}},
-        {{tone_bin, "-c", "2", "-t", "6", "127.0.0.1:9"}, 1, {}},
-        {{tone_bin, "-l", "3", "127.0.0.1:9"}, 1, {}},
-        {{tone_bin, "300000", "127.0.0.1:9"}, 1, {}},
-        {{listen_bin, "--help"}, 0, {"Usage:", "--wav=FILE"}},
-        {{listen_bin}, 1, {"ADDRESS[:PORT] expected"}},
-        {{listen_bin, "-f", "L20", "127.0.0.1"}, 1, {"bad value for -f"}},
-        {{listen_bin, "-f", "L24/44100/2", "127.0.0.1"}, 1, {}},
-        {{listen_bin, "127.0.0.1:99999"}, 1, {}},
-        {{listen_bin, "-t", "1.2", quiet}, 2, {"t=1 pkts=0 lost=0", "summary packets=0 "}}, // nothing arrived
+        {{tone_bin, "-F", "opus", "-t", "3", "127.0.0.1:9"}, 1, {"pelod-tone: "}}, // no 3 ms Opus frames
+        {{listen_bin}, 1, {"pelod-listen: one ADDRESS[:PORT] expected"}},
+        {{listen_bin, "-f", "L24/44100/2", "127.0.0.1"}, 1, {"pelod-listen: "}},
+        {{listen_bin, "-t", "1.2", "127.0.0.1:" + std::to_string(udp_free_port())}, 2, // nothing arrived
+         {"t=1 pkts=0 lost=0", "summary packets=0 "}},
     };
     for (const auto &c : cases) {
         const run_result r = run_prog(c.argv);
         EXPECT_EQ(r.status, c.status) << c.argv.back();
         for (const char *text : c.says)
             EXPECT_NE((r.out + r.err).find(text), std::string::npos) << text << " in " << r.out << r.err;
-        if (c.status == 1) {
-            EXPECT_EQ(r.err.find(c.argv[0].substr(c.argv[0].rfind('/') + 1) + ": "), 0u) << r.err;
-        }
     }
 }
 } // namespace
