@@ -14,11 +14,12 @@ ARMHF_DEPS = g++-arm-linux-gnueabihf qemu-user libopus-dev:armhf libasound2-dev:
 
 all: build
 
-# A package counts as installed in the native architecture (once armhf is
-# added, a plain name can be ambiguous); a failing index (such as a foreign
-# architecture's) does not stop the install.
-deps:
-	@arch=$$(dpkg --print-architecture); missing=""; for p in $(DEPS); do \
+# Installs what is missing of the packages $(1). A package counts as
+# installed in the native architecture (once armhf is added, a plain name
+# can be ambiguous); a failing index (such as a foreign architecture's) does
+# not stop the install.
+define install_missing
+	@arch=$$(dpkg --print-architecture); missing=""; for p in $(1); do \
 	  dpkg -s $$p >/dev/null 2>&1 || dpkg -s $$p:$$arch >/dev/null 2>&1 || missing="$$missing $$p"; \
 	done; \
 	if [ -n "$$missing" ]; then \
@@ -26,6 +27,10 @@ deps:
 	  apt-get update -qq || true; \
 	  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
 	fi
+endef
+
+deps:
+	$(call install_missing,$(DEPS))
 
 build: deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
@@ -52,14 +57,7 @@ package: build
 # The target board: armhf cross-build; its tests run under qemu-arm.
 armhf-deps:
 	@dpkg --print-foreign-architectures | grep -qx armhf || dpkg --add-architecture armhf
-	@arch=$$(dpkg --print-architecture); missing=""; for p in $(ARMHF_DEPS); do \
-	  dpkg -s $$p >/dev/null 2>&1 || dpkg -s $$p:$$arch >/dev/null 2>&1 || missing="$$missing $$p"; \
-	done; \
-	if [ -n "$$missing" ]; then \
-	  echo "installing:$$missing"; \
-	  apt-get update -qq || true; \
-	  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
-	fi
+	$(call install_missing,$(ARMHF_DEPS))
 
 armhf: armhf-deps
 	cmake -S . -B $(ARMHF_BUILD) -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake \
