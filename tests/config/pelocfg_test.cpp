@@ -128,7 +128,7 @@ TEST_F(ConfigEmpty, ExampleFileLoads)
               "mic<alsa:0: none chn 0 pdly 48 gain 0 vox 0.00/0/0 ecs - fmt 0/0/0/0 lce 0/0/0/0/0/0/0\n");
     ASSERT_EQ(srcs_used, 3);
     EXPECT_EQ(describe(srcs[0]) + "\n" + describe(srcs[1]) + "\n" + describe(srcs[2]),
-              "spk alsa:0 alsa:0 pt 255 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/0/0/0 lce 0/0/0/0/0/0/0\n"
+              "spk:spk alsa:0 alsa:0 pt 255 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/0/0/0 lce 0/0/0/0/0/0/0\n"
               "mic 239.192.0.7:5004 127.0.0.1:5004 pt 255 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/24/48000/1 lce 0/0/0/0/0/0/0\n"
               "spk 127.0.0.1:5006 127.0.0.1:5006 pt 255 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/24/48000/1 lce 0/0/0/0/0/0/0");
 }
