@@ -19,11 +19,6 @@ namespace {
 using packet = std::vector<uint8_t>;
 
 sockaddr_in loopback(uint16_t port) { return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}}; }
-void fill_mix_out(int o, float v)
-{
-    for (int k = 0; k < MIX_BLOCK; k++)
-        mix_out[k * MIX_OUT_MAX + o] = v;
-}
 
 // State: no stream configured. Streams are built by hand and attached to a
 // socket of the test's own, and what they send is read back on 127.0.0.1.
@@ -207,7 +202,8 @@ TEST_F(RtpSendLoopback, ClosedOrUnattachedEndpointSendsNothingRefusedSendCountsA
 TEST_F(RtpSendLoopback, SendPathDoesNotAllocate)
 {
     rtp_src *pcm = stream(2, 96), *opus = stream(2, 48, 1);
-    fill_mix_out(0, 0.25f);
+    for (int k = 0; k < MIX_BLOCK; k++)
+        mix_out[k * MIX_OUT_MAX] = k % 2 ? 0.25f : -0.25f;
     alloc_count_start();
     for (uint32_t c = 1; c < 30; c++) { // several Opus frames and PCM packets
         rtp_send(pcm, 48 * c);
