@@ -216,23 +216,35 @@ tone_measure measure_tone(const std::vector<float> &x)
     b = b > 960 ? b - 960 : 0;
     if (peak == 0.0f || b <= a + 960)
         return m;
-    double sum = 0.0;
-    double first = -1.0, last = -1.0;
-    int crossings = 0;
-    for (size_t i = a; i < b; i++) {
-        sum += double(x[i]) * x[i];
-        if (i > a && x[i - 1] < 0.0f && x[i] >= 0.0f) {
-            const double at = double(i - 1) + double(-x[i - 1]) / double(x[i] - x[i - 1]);
-            if (first < 0)
-                first = at;
-            last = at;
-            crossings++;
-        }
-    }
     m.samples = b - a;
-    m.rms_dbfs = 10.0 * std::log10(sum / double(m.samples));
-    if (crossings > 1)
-        m.freq_hz = (crossings - 1) * 48000.0 / (last - first);
+    std::vector<double> blocks, iv;
+    for (size_t i = a; i + 480 <= b; i += 480) {
+        double sum = 0.0;
+        for (size_t j = i; j < i + 480; j++)
+            sum += double(x[j]) * x[j];
+        blocks.push_back(10.0 * std::log10(sum / 480.0 + 1e-30));
+    }
+    std::nth_element(blocks.begin(), blocks.begin() + long(blocks.size() / 2), blocks.end());
+    m.rms_dbfs = blocks[blocks.size() / 2];
+    double prev = -1.0;
+    for (size_t i = a + 1; i < b; i++)
+        if (x[i - 1] < 0.0f && x[i] >= 0.0f) {
+            const double at = double(i - 1) + double(-x[i - 1]) / double(x[i] - x[i - 1]);
+            if (prev >= 0.0)
+                iv.push_back(at - prev);
+            prev = at;
+        }
+    if (iv.empty())
+        return m;
+    std::vector<double> sorted = iv;
+    std::nth_element(sorted.begin(), sorted.begin() + long(sorted.size() / 2), sorted.end());
+    const double med = sorted[sorted.size() / 2];
+    double sum = 0.0;
+    int n = 0;
+    for (double v : iv)
+        if (std::fabs(v - med) < 0.05 * med)
+            sum += v, n++;
+    m.freq_hz = 48000.0 * n / sum;
     return m;
 }
 

@@ -104,11 +104,12 @@ bool netns_bridge(const netns &hub, const std::string &br, const std::string &ci
                  addr_up(hub, br, cidr)) == 0;
 }
 
-bool netns_bridge_port(const netns &hub, const std::string &br, const netns &host, const std::string &ifname,
-                       const std::string &cidr)
+std::string netns_bridge_port(const netns &hub, const std::string &br, const netns &host, const std::string &ifname,
+                              const std::string &cidr)
 {
     static int ports = 0;
     const std::string peer = br + "p" + std::to_string(ports++);
-    return netns_veth(host, ifname, cidr, hub, peer, "") &&
-           shell("ip -n " + hub.name + " link set " + peer + " master " + br) == 0;
+    const bool ok = netns_veth(host, ifname, cidr, hub, peer, "") &&
+                    shell("ip -n " + hub.name + " link set " + peer + " master " + br) == 0;
+    return ok ? peer : "";
 }

@@ -53,6 +53,7 @@ bool netns_veth(const netns &a, const std::string &if_a, const std::string &cidr
 // snooping is off: every port sees every group.
 bool netns_bridge(const netns &hub, const std::string &br, const std::string &cidr);
 // Plugs `host` into bridge br of hub: interface `ifname` in host with
-// address cidr, its peer a port of br.
-bool netns_bridge_port(const netns &hub, const std::string &br, const netns &host, const std::string &ifname,
-                       const std::string &cidr);
+// address cidr, its peer a port of br. Returns the port's name in hub
+// ("" on failure), which `ip link set PORT nomaster` cuts off the bridge.
+std::string netns_bridge_port(const netns &hub, const std::string &br, const netns &host, const std::string &ifname,
+                              const std::string &cidr);
