@@ -50,7 +50,8 @@ TEST_P(E2eOpus, ToneComesOutAtItsPitchAndLevel)
     ASSERT_TRUE(pelod.start(ns, c.conf)) << pelod.output();
     const std::string wav = tmp_file("", ".wav");
     bg_proc listener, tone;
-    ASSERT_TRUE(listener.start(ns.cmd({listen_bin, "-q", "-t", "1.5", "-f", c.listen_fmt, "-w", wav, "127.0.0.1:6000"})));
+    ASSERT_TRUE(
+        listener.start(ns.cmd({listen_bin, "-q", "-t", "1.5", "-f", c.listen_fmt, "-w", wav, "127.0.0.1:6000"})));
     ASSERT_TRUE(wait_until(2000, listening, &listener)) << listener.err();
     std::vector<std::string> args = {tone_bin, "-q", "-d", "1.2"};
     args.insert(args.end(), c.tone.begin(), c.tone.end());
