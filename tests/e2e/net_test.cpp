@@ -107,6 +107,8 @@ const route_case route_cases[] = {
      "232.1.2.3", nullptr, 0.0f, 144, 0, true},
 };
 
+void PrintTo(const route_case &c, std::ostream *os) { *os << c.name; }
+
 class E2eRoute : public E2eNet, public ::testing::WithParamInterface<route_case> {};
 
 TEST_P(E2eRoute, StreamReachesTheOutputWithItsGainAndDelay)

@@ -36,6 +36,8 @@ const opus_case opus_cases[] = {
      1500.0},
 };
 
+void PrintTo(const opus_case &c, std::ostream *os) { *os << c.name; }
+
 bool listening(void *p) { return static_cast<bg_proc *>(p)->err().find("listening on") != std::string::npos; }
 
 class E2eOpus : public ::testing::TestWithParam<opus_case> {};
