@@ -59,7 +59,7 @@ protected:
                 std::vector<uint8_t> pl;
                 for (uint32_t i = 0; i < 48; i++)
                     put24(pl, s.value(ts + i));
-                rtp_send(s.fd, s.to, s.port, 101, uint16_t(k), ts, s.ssrc, pl);
+                rtp_send(s.fd, s.to, s.port, 101, uint16_t(k + s.ssrc), ts, s.ssrc, pl);
             }
             rtp_drain(rx, out);
         });
