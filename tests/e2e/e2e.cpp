@@ -81,11 +81,7 @@ int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char
 void rtp_send(int fd, const char *to, uint16_t port, uint8_t pt, uint16_t seq, uint32_t ts, uint32_t ssrc,
               const std::vector<uint8_t> &payload)
 {
-    std::vector<uint8_t> p = {0x80, pt, uint8_t(seq >> 8), uint8_t(seq)};
-    for (uint32_t w : {ts, ssrc})
-        for (int sh = 24; sh >= 0; sh -= 8)
-            p.push_back(uint8_t(w >> sh));
-    p.insert(p.end(), payload.begin(), payload.end());
+    const std::vector<uint8_t> p = rtp_datagram(seq, ts, payload, pt, false, ssrc);
     const sockaddr_in a{AF_INET, htons(port), {ip(to)}, {}};
     sendto(fd, p.data(), p.size(), 0, reinterpret_cast<const sockaddr *>(&a), sizeof a);
 }
@@ -103,9 +99,9 @@ void rtp_drain(int fd, std::vector<rtp_pkt> &into)
             continue;
         rtp_pkt p;
         p.pt = b[1] & 0x7F;
-        p.seq = uint16_t(b[2] << 8 | b[3]);
-        p.ts = uint32_t(b[4]) << 24 | uint32_t(b[5]) << 16 | uint32_t(b[6]) << 8 | b[7];
-        p.ssrc = uint32_t(b[8]) << 24 | uint32_t(b[9]) << 16 | uint32_t(b[10]) << 8 | b[11];
+        p.seq = be16(b + 2);
+        p.ts = be32(b + 4);
+        p.ssrc = be32(b + 8);
         p.from = inet_ntoa(from.sin_addr);
         p.payload.assign(b + 12, b + n);
         into.push_back(std::move(p));
@@ -123,8 +119,6 @@ static uint32_t media_of(int64_t ns)
 {
     return uint32_t(uint64_t(ns / 1000000000) * 48000 + uint64_t(ns % 1000000000) * 3 / 62500);
 }
-
-uint32_t media_now() { return media_of(tai_ns()); }
 
 void paced_1ms(int ms, const std::function<void(int, uint32_t)> &each)
 {
@@ -147,19 +141,11 @@ void paced_1ms(int ms, const std::function<void(int, uint32_t)> &each)
         sched_setscheduler(0, policy, &old);
 }
 
-void put24(std::vector<uint8_t> &b, int32_t v)
-{
-    b.push_back(uint8_t(uint32_t(v) >> 16));
-    b.push_back(uint8_t(uint32_t(v) >> 8));
-    b.push_back(uint8_t(v));
-}
-
 std::vector<int32_t> l24_channel(const std::vector<uint8_t> &payload, int nchan, int ch)
 {
     std::vector<int32_t> v;
     for (size_t o = size_t(3 * ch); o + 3 <= payload.size(); o += size_t(3 * nchan))
-        v.push_back(int32_t(uint32_t(payload[o]) << 24 | uint32_t(payload[o + 1]) << 16 |
-                            uint32_t(payload[o + 2]) << 8) >> 8);
+        v.push_back(be24(&payload[o]));
     return v;
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 #include "support/netns.h"
 #include "support/proc.h"
+#include "support/rtp_wire.h"
 
 #include <cstdint>
 #include <functional>
@@ -48,15 +49,12 @@ void rtp_send(int fd, const char *to, uint16_t port, uint8_t pt, uint16_t seq, u
 // Every datagram waiting on fd, as RTP packets (runts are left out).
 void rtp_drain(int fd, std::vector<rtp_pkt> &into);
 
-// The media clock of the daemon run with "-p -": TAI in 48 kHz samples.
-uint32_t media_now();
 // Calls each(k, ts) for `ms` milliseconds: packet k holds the samples
 // [ts, ts + 48) and is due half a millisecond after its last sample, as a
 // sender on the media clock sends it (the daemon wakes on whole
 // milliseconds). Runs at a low real-time priority when it may.
 void paced_1ms(int ms, const std::function<void(int k, uint32_t ts)> &each);
 
-void put24(std::vector<uint8_t> &b, int32_t v);
 // Channel ch of an interleaved 24-bit payload of nchan channels.
 std::vector<int32_t> l24_channel(const std::vector<uint8_t> &payload, int nchan, int ch);
 

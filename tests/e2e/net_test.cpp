@@ -56,10 +56,10 @@ protected:
         std::vector<rtp_pkt> out;
         paced_1ms(ms, [&](int k, uint32_t ts) {
             for (const stream &s : in) {
-                std::vector<uint8_t> pl;
+                std::vector<int32_t> v;
                 for (uint32_t i = 0; i < 48; i++)
-                    put24(pl, s.value(ts + i));
-                rtp_send(s.fd, s.to, s.port, 101, uint16_t(k + s.ssrc), ts, s.ssrc, pl);
+                    v.push_back(s.value(ts + i));
+                rtp_send(s.fd, s.to, s.port, 101, uint16_t(k + s.ssrc), ts, s.ssrc, pcm24(v));
             }
             rtp_drain(rx, out);
         });
