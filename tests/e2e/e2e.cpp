@@ -158,6 +158,14 @@ int delay_fit::mode() const
     return best;
 }
 
+int delay_fit::settled() const
+{
+    delay_fit tail;
+    for (size_t i = in_order.size() > 100 ? in_order.size() - 100 : 0; i < in_order.size(); i++)
+        tail.delays[in_order[i]]++;
+    return tail.mode();
+}
+
 delay_fit fit_delay(const std::vector<rtp_pkt> &out, const std::function<int32_t(uint32_t)> &expect, int dmin,
                     int dmax, int tol)
 {
@@ -181,7 +189,7 @@ delay_fit fit_delay(const std::vector<rtp_pkt> &out, const std::function<int32_t
         } else {
             f.matched++;
             f.delays[found]++;
-            f.last = found;
+            f.in_order.push_back(found);
         }
     }
     return f;

@@ -61,14 +61,20 @@ std::vector<int32_t> l24_channel(const std::vector<uint8_t> &payload, int nchan,
 // The sample at every output timestamp, against the input timestamp it
 // came from: the fit finds, per packet, the delay D (output timestamp minus
 // input timestamp) for which every sample of the packet is expect(ts - D)
-// within `tol`.
+// within `tol`. Silence at one end of a packet is where an input packet
+// came too late to be mixed (a busy machine); the rest must fit.
 struct delay_fit {
     int matched = 0;   // packets that fit
+    int partial = 0;   // of those, with silence at one end
     int unmatched = 0; // packets with sound that fit no delay in range
     int silent = 0;
     std::map<int, int> delays; // delay -> packets
-    int last = -1;             // delay of the last packet that fits
+    std::vector<int> in_order; // delay of each packet that fits
     int mode() const;          // the most frequent delay, -1 when none
+    // The most frequent delay of the last 100 packets that fit: where the
+    // lock settled (the first packet after a skipped wake-up carries the
+    // mix of the block before it, and so looks later).
+    int settled() const;
 };
 delay_fit fit_delay(const std::vector<rtp_pkt> &out, const std::function<int32_t(uint32_t)> &expect, int dmin,
                     int dmax, int tol = 2);

@@ -129,23 +129,26 @@ TEST_P(E2eRoute, StreamReachesTheOutputWithItsGainAndDelay)
     EXPECT_EQ(pelod.stop(), 0);
 
     ASSERT_FALSE(out.empty()) << pelod.output();
+    // packets finished while the first load still runs are held back too
     EXPECT_GE(out[0].seq, c.first_seq);
-    EXPECT_LE(out[0].seq, c.first_seq + 2) << "held back longer than 1 + load_level packets";
+    EXPECT_LE(out[0].seq, c.first_seq + 10);
     const delay_fit f = fit_delay(
         out, [&](uint32_t t) { return through(in24(code(t)) * lin(-6.0f), c.gainv_db); }, 0, 2000);
     ASSERT_GE(f.matched, 450);
-    EXPECT_LE(f.unmatched, 3); // the packets where the stream begins and ends
+    // a packet that straddles a move of the lock fits no one delay
+    EXPECT_LE(f.unmatched, 2 * int(f.delays.size()));
+    EXPECT_LE(f.partial, f.matched / 10);
     // Each packet leaves half a millisecond after its last sample: the lock
     // gives pdly + 24 samples. It moves earlier whenever a late wake-up
     // takes a packet in early (by up to the 2 ms jitter allowance), and
     // only at the start, before the first timely packet, can it be later.
-    const int lo = f.delays.begin()->first, d = f.mode();
+    const int lo = f.delays.begin()->first, d = f.settled();
     EXPECT_GE(lo, c.pdly - 72);
-    EXPECT_GE(f.last, c.pdly - 72);
-    EXPECT_LE(f.last, c.pdly + 24);
-    RecordProperty("delay_samples", f.last);
-    printf("end-to-end delay %s: %d samples at the end (%.2f ms), mostly %d, %d..%d; playout delay %d\n", c.name,
-           f.last, f.last / 48.0, d, lo, f.delays.rbegin()->first, c.pdly);
+    EXPECT_GE(d, c.pdly - 72);
+    EXPECT_LE(d, c.pdly + 24);
+    RecordProperty("delay_samples", d);
+    printf("end-to-end delay %s: %d samples settled (%.2f ms), mostly %d, %d..%d; playout delay %d\n", c.name, d,
+           d / 48.0, f.mode(), lo, f.delays.rbegin()->first, c.pdly);
 }
 
 INSTANTIATE_TEST_SUITE_P(Paths, E2eRoute, ::testing::ValuesIn(route_cases),
@@ -154,8 +157,9 @@ INSTANTIATE_TEST_SUITE_P(Paths, E2eRoute, ::testing::ValuesIn(route_cases),
 TEST_F(E2eNet, TwoInputsAreSummedWithTheirGainsAndClipped)
 {
     const int rx = udp_socket(*ns, "127.0.0.1", 6000), tx = udp_socket(*ns, "127.0.0.1", 0);
-    ASSERT_TRUE(pelod.start(*ns, "XPT mix=m src=127.0.0.1:5004 gain=-6\n"
-                                 "XPT mix=m src=127.0.0.1:5006 gain=3\n"
+    // a playout delay that a late packet of a busy machine still meets
+    ASSERT_TRUE(pelod.start(*ns, "XPT mix=m src=127.0.0.1:5004 gain=-6 pdly=480\n"
+                                 "XPT mix=m src=127.0.0.1:5006 gain=3 pdly=480\n"
                                  "SRC mix=m rtpa=127.0.0.1:6000\n"))
         << pelod.output();
     constexpr int32_t dc = 5033164; // 0.6 of full scale: with +3 dB the peaks clip
@@ -168,6 +172,7 @@ TEST_F(E2eNet, TwoInputsAreSummedWithTheirGainsAndClipped)
         1000);
     EXPECT_GE(f.matched, 400);
     EXPECT_LE(f.unmatched, 4); // where either stream begins or ends alone
+    EXPECT_LE(f.partial, f.matched / 10);
     long clipped = 0, samples = 0;
     for (const rtp_pkt &p : out)
         for (int32_t v : l24_channel(p.payload, 1, 0))
