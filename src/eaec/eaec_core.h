@@ -1,0 +1,86 @@
+// Inside of the echo canceller: the parameter and state objects that
+// eaec_init derives, and the steps of one frame.
+//
+// Signal path of one frame (hop N, window 2N, FFT M >= 2N, K = M/2 + 1):
+//   far-end x -> spectrum of the last M samples -> ring of P spectra
+//   echo estimate y = last N samples of IFFT(sum_p W_p X_p)  (overlap-save)
+//   error e = mic - y; W_p += mu_k conj(X_p) E / norm_k     (PBFDAF)
+//   e and y -> sqrt-Hann analysis -> residual-echo and noise suppression
+//   -> synthesis, overlap-add -> 16-bit output, one hop later.
+//
+// Single-precision float throughout: the far-end power spans more than
+// 90 dB and the filter's per-bin normalisation would need block-floating
+// scaling in fixed point; float keeps the code short and exact enough,
+// and the board's NEON unit runs four float lanes.
+#pragma once
+#include "eaec/eaec.h"
+#include "eaec/eaec_fft.h"
+
+#include <cstddef>
+#include <cstdint>
+
+inline constexpr int EAEC_HOP_MAX = 512;
+inline constexpr int EAEC_KPAD_MAX = (EAEC_BIN_MAX + 3) & ~3; // 516
+inline constexpr int EAEC_CHAN_MAX = 2;
+inline constexpr int EAEC_TAIL_MS = 260;  // echo tail covered after the bulk delay
+inline constexpr int EAEC_PART_MAX = 64;
+
+struct eaec_params {
+    int sfreq, nspk, nmic;
+    int hop;          // N: samples per frame
+    int win;          // 2N: analysis window
+    int nfft;         // M
+    int nbin;         // K = M/2 + 1
+    int kpad;         // K rounded up to 4: row length of every per-bin array
+    int npart;        // P: filter partitions of N taps each
+    int delay_frames; // sigdelay in frames
+    float floor_echo; // power floor of the residual-echo gain, 10^(aec/10)
+    float floor_noise;// power floor of the noise gain, 10^(nc/10)
+    float reg;        // regularisation of the filter's normalisation
+    float far_active; // far-end frame energy above which the filter adapts
+    float mu_max, mu_init;
+    float window[2 * EAEC_HOP_MAX]; // sqrt-Hann, analysis and synthesis
+    eaec_fft_plan fft;
+};
+
+// One microphone channel: its adaptive filter and suppressor state.
+struct eaec_chan {
+    float *w_re, *w_im;                // P rows of kpad: filter partitions
+    float part_energy[EAEC_PART_MAX];  // sum |W_p|^2, for the proportionate step
+    float e_hist[EAEC_HOP_MAX];        // previous frame's error and echo
+    float y_hist[EAEC_HOP_MAX];        //   estimate (first window half)
+    float ola[EAEC_HOP_MAX];           // synthesis overlap
+    float s_ee[EAEC_KPAD_MAX], s_yy[EAEC_KPAD_MAX]; // smoothed powers
+    float m_e[EAEC_KPAD_MAX], m_y[EAEC_KPAD_MAX];   // slow means for the leak
+    float r_ey[EAEC_KPAD_MAX], r_yy[EAEC_KPAD_MAX]; // leak regression
+    float noise[EAEC_KPAD_MAX];        // noise power estimate
+    float snr_prev[EAEC_KPAD_MAX];     // decision-directed memory
+    float leak;                        // residual echo / echo estimate power
+    int leak_valid;
+    int part_next;                     // next partition to constrain
+    uint32_t rng;                      // comfort noise
+};
+
+struct eaec_state {
+    uint32_t frames;
+    int head;                         // ring slot of the newest far-end spectrum
+    float *x_re, *x_im, *x_pow;       // P rows of kpad: far-end spectra and powers
+    float x_norm[EAEC_KPAD_MAX];      // sum over the ring of x_pow
+    float x_hist[EAEC_FFT_MAX];       // last M far-end samples
+    eaec_chan *chan[EAEC_CHAN_MAX];
+};
+
+// [sup] Fills the derived part of a cleared parameter object from a
+// validated configuration and its frame set-up.
+void eaec_derive(eaec_params *p, const EAEC_CONFIG *cfg, int hop, int nfft);
+// [sup] Allocates the state's buffers (ring and one channel per
+// microphone). Returns -1 when an allocation fails; eaec_free_state then
+// frees what was made.
+int eaec_alloc_state(const eaec_params *p, eaec_state *s);
+void eaec_free_state(const eaec_params *p, eaec_state *s);
+// [sup] Sets a freshly allocated state to its starting values.
+void eaec_reset_state(const eaec_params *p, eaec_state *s);
+
+// Library platform layer: aligned, zero-filled allocation and its release.
+void *eaec_calloc(size_t bytes);
+void eaec_free(void *ptr);

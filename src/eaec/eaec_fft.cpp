@@ -1,0 +1,166 @@
+#include "eaec/eaec_fft.h"
+
+#include <cmath>
+
+int eaec_fft_plan_init(eaec_fft_plan *p, int n)
+{
+    if (n != 256 && n != 512 && n != 1024)
+        return -1;
+    p->n = n;
+    p->half = n / 2;
+    p->nstage4 = 0;
+    const double two_pi = 6.283185307179586476925286766559;
+    int off = 0;
+    for (int len = p->half; len >= 4; len /= 4) {
+        const int m = len / 4;
+        for (int j = 1; j <= 3; j++)
+            for (int q = 0; q < m; q++) {
+                const double a = -two_pi * double(j * q) / double(len);
+                p->stage_tw[off + (2 * j - 2) * m + q] = float(std::cos(a));
+                p->stage_tw[off + (2 * j - 1) * m + q] = float(std::sin(a));
+            }
+        off += 6 * m;
+        p->nstage4++;
+    }
+    for (int k = 0; k <= p->half; k++) {
+        const double a = -two_pi * double(k) / double(n);
+        p->rot_re[k] = float(std::cos(a));
+        p->rot_im[k] = float(std::sin(a));
+    }
+    return 0;
+}
+
+// One radix-4 decimation-in-frequency Stockham stage: sub-sequences of
+// length 4m, stride s. The first stage (s == 1) runs its loop over p so
+// that it still vectorises; later stages run over the contiguous q.
+static void radix4(int m, int s, const float *__restrict xr, const float *__restrict xi,
+                   float *__restrict yr, float *__restrict yi, const float *__restrict tw) noexcept
+{
+    const float *w1r = tw, *w1i = tw + m, *w2r = tw + 2 * m, *w2i = tw + 3 * m;
+    const float *w3r = tw + 4 * m, *w3i = tw + 5 * m;
+    const int qs = s * m;
+    if (s == 1) {
+        for (int p = 0; p < m; p++) {
+            const float ar = xr[p], ai = xi[p], br = xr[p + m], bi = xi[p + m];
+            const float cr = xr[p + 2 * m], ci = xi[p + 2 * m], dr = xr[p + 3 * m], di = xi[p + 3 * m];
+            const float spr = ar + cr, spi = ai + ci, smr = ar - cr, smi = ai - ci;
+            const float tpr = br + dr, tpi = bi + di, tmr = br - dr, tmi = bi - di;
+            const float u1r = smr + tmi, u1i = smi - tmr;
+            const float u2r = spr - tpr, u2i = spi - tpi;
+            const float u3r = smr - tmi, u3i = smi + tmr;
+            yr[4 * p] = spr + tpr;
+            yi[4 * p] = spi + tpi;
+            yr[4 * p + 1] = w1r[p] * u1r - w1i[p] * u1i;
+            yi[4 * p + 1] = w1r[p] * u1i + w1i[p] * u1r;
+            yr[4 * p + 2] = w2r[p] * u2r - w2i[p] * u2i;
+            yi[4 * p + 2] = w2r[p] * u2i + w2i[p] * u2r;
+            yr[4 * p + 3] = w3r[p] * u3r - w3i[p] * u3i;
+            yi[4 * p + 3] = w3r[p] * u3i + w3i[p] * u3r;
+        }
+        return;
+    }
+    for (int p = 0; p < m; p++) {
+        const float c1r = w1r[p], c1i = w1i[p], c2r = w2r[p], c2i = w2i[p], c3r = w3r[p], c3i = w3i[p];
+        const float *ar = xr + s * p, *ai = xi + s * p;
+        float *outr = yr + 4 * s * p, *outi = yi + 4 * s * p;
+        for (int q = 0; q < s; q++) {
+            const float spr = ar[q] + ar[q + 2 * qs], spi = ai[q] + ai[q + 2 * qs];
+            const float smr = ar[q] - ar[q + 2 * qs], smi = ai[q] - ai[q + 2 * qs];
+            const float tpr = ar[q + qs] + ar[q + 3 * qs], tpi = ai[q + qs] + ai[q + 3 * qs];
+            const float tmr = ar[q + qs] - ar[q + 3 * qs], tmi = ai[q + qs] - ai[q + 3 * qs];
+            const float u1r = smr + tmi, u1i = smi - tmr;
+            const float u2r = spr - tpr, u2i = spi - tpi;
+            const float u3r = smr - tmi, u3i = smi + tmr;
+            outr[q] = spr + tpr;
+            outi[q] = spi + tpi;
+            outr[q + s] = c1r * u1r - c1i * u1i;
+            outi[q + s] = c1r * u1i + c1i * u1r;
+            outr[q + 2 * s] = c2r * u2r - c2i * u2i;
+            outi[q + 2 * s] = c2r * u2i + c2i * u2r;
+            outr[q + 3 * s] = c3r * u3r - c3i * u3i;
+            outi[q + 3 * s] = c3r * u3i + c3i * u3r;
+        }
+    }
+}
+
+// Complex forward FFT of p->half points held in (ar, ai); (br, bi) is the
+// other buffer of the ping-pong. Returns the buffer holding the result:
+// 0 for a, 1 for b.
+static int cfft(const eaec_fft_plan *p, float *ar, float *ai, float *br, float *bi) noexcept
+{
+    float *xr = ar, *xi = ai, *yr = br, *yi = bi;
+    int in_b = 0, len = p->half, s = 1, off = 0;
+    for (int st = 0; st < p->nstage4; st++) {
+        const int m = len / 4;
+        radix4(m, s, xr, xi, yr, yi, p->stage_tw + off);
+        off += 6 * m;
+        len = m;
+        s *= 4;
+        float *t = xr; xr = yr; yr = t;
+        t = xi; xi = yi; yi = t;
+        in_b ^= 1;
+    }
+    if (len == 2) {
+        for (int q = 0; q < s; q++) {
+            const float a_r = xr[q], a_i = xi[q], b_r = xr[q + s], b_i = xi[q + s];
+            yr[q] = a_r + b_r;
+            yi[q] = a_i + b_i;
+            yr[q + s] = a_r - b_r;
+            yi[q + s] = a_i - b_i;
+        }
+        in_b ^= 1;
+    }
+    return in_b;
+}
+
+void eaec_rfft(const eaec_fft_plan *p, const float *x, float *re, float *im, float *work) noexcept
+{
+    const int h = p->half;
+    float *ar = work, *ai = work + h, *br = work + 2 * h, *bi = work + 3 * h;
+    for (int j = 0; j < h; j++) {
+        ar[j] = x[2 * j];
+        ai[j] = x[2 * j + 1];
+    }
+    const int in_b = cfft(p, ar, ai, br, bi);
+    const float *zr = in_b ? br : ar, *zi = in_b ? bi : ai;
+    re[0] = zr[0] + zi[0];
+    im[0] = 0.0f;
+    re[h] = zr[0] - zi[0];
+    im[h] = 0.0f;
+    for (int k = 1; k < h; k++) {
+        const float a_r = zr[k], a_i = zi[k], b_r = zr[h - k], b_i = -zi[h - k];
+        const float fer = 0.5f * (a_r + b_r), fei = 0.5f * (a_i + b_i);
+        const float dr = 0.5f * (a_r - b_r), di = 0.5f * (a_i - b_i);
+        const float cr = p->rot_re[k], ci = p->rot_im[k];
+        re[k] = fer + cr * di + ci * dr;
+        im[k] = fei + ci * di - cr * dr;
+    }
+}
+
+void eaec_irfft(const eaec_fft_plan *p, const float *re, const float *im, float *x, float *work) noexcept
+{
+    const int h = p->half;
+    const float sc = 1.0f / float(h);
+    float *ar = work, *ai = work + h, *br = work + 2 * h, *bi = work + 3 * h;
+    // Z = Fe + i Fo, handed to the forward transform conjugated and scaled.
+    {
+        const float fe = 0.5f * (re[0] + re[h]), fo = 0.5f * (re[0] - re[h]);
+        ar[0] = fe * sc;
+        ai[0] = -fo * sc;
+    }
+    for (int k = 1; k < h; k++) {
+        const float xr_ = re[k], xi_ = im[k], yr_ = re[h - k], yi_ = -im[h - k];
+        const float fer = 0.5f * (xr_ + yr_), fei = 0.5f * (xi_ + yi_);
+        const float dr = 0.5f * (xr_ - yr_), di = 0.5f * (xi_ - yi_);
+        const float cr = p->rot_re[k], ci = p->rot_im[k];
+        const float forr = dr * cr + di * ci, foi = di * cr - dr * ci;
+        ar[k] = (fer - foi) * sc;
+        ai[k] = -(fei + forr) * sc;
+    }
+    const int in_b = cfft(p, ar, ai, br, bi);
+    const float *ur = in_b ? br : ar, *ui = in_b ? bi : ai;
+    for (int j = 0; j < h; j++) {
+        x[2 * j] = ur[j];
+        x[2 * j + 1] = -ui[j];
+    }
+}

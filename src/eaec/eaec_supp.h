@@ -1,0 +1,30 @@
+// Residual-echo and noise suppression of the echo canceller, on the
+// sqrt-Hann analysis spectra of the error (E) and of the echo estimate (Y).
+//
+// Residual echo is estimated as leak x |Y|^2, where leak is the regression
+// of the error's power fluctuations on the echo estimate's (near-end
+// speech does not move with the far-end, so it barely enters); noise by
+// minimum tracking. The gain is a decision-directed Wiener gain whose
+// power floor is floor_echo for residual echo and floor_noise for noise;
+// comfort noise keeps the noise floor at floor_noise wherever the echo
+// floor cut deeper, so suppression does not pump the background.
+#pragma once
+#include "eaec/eaec_core.h"
+
+// Frame sums the step control and the divergence guard need.
+struct supp_frame {
+    float sum_e;  // sum |E|^2
+    float sum_y;  // sum |Y|^2
+    float sum_d;  // sum |E + Y|^2 (the microphone)
+};
+
+// [rt] Updates the smoothed powers, the leak regression (only while the
+// far end is active) and the noise estimate. pe receives |E|^2 per bin.
+supp_frame supp_analyse(const eaec_params *p, eaec_chan *c, const float *e_re, const float *e_im,
+                        const float *y_re, const float *y_im, int far_active, float *pe) noexcept;
+// [rt] Step size per bin of the adaptive filter into mu: the leak's share
+// of the error power, so adaptation slows down in double talk and speeds
+// up after an echo-path change; mu_init until the leak is known.
+void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept;
+// [rt] Applies the suppression gain and comfort noise to E in place.
+void supp_apply(const eaec_params *p, eaec_chan *c, float *e_re, float *e_im, const float *pe) noexcept;
