@@ -7,15 +7,14 @@
 // [rt] Echo spectrum Y = sum_p W_p X_(head - p) over the K bins.
 void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const eaec_chan *c,
                          float *y_re, float *y_im) noexcept;
-// [rt] W_p += f_p conj(X_(head - p)) G for every partition, where G is the
-// step-scaled, normalised error spectrum and f_p the proportionate
-// weight of partition p (its share of the filter's energy, half of it
-// spread evenly). Refreshes part_energy; returns -1 when the filter is no
-// longer finite (the caller resets it).
+// [rt] W_p += conj(X_(head - p)) G for every partition, where G is the
+// step-scaled, normalised error spectrum. Returns -1 when the filter is
+// no longer finite (the caller resets it).
 int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *g_re,
                  const float *g_im) noexcept;
 // [rt] Cuts partition c->part_next back to N taps (the gradient leaves it
-// circular) and moves on to the next one. work: M + EAEC_FFT_WORK floats.
-void afilt_constrain(const eaec_params *p, eaec_chan *c, float *work) noexcept;
+// circular) and moves on to the next one. taps: M floats; fft_work:
+// EAEC_FFT_WORK floats.
+void afilt_constrain(const eaec_params *p, eaec_chan *c, float *taps, float *fft_work) noexcept;
 // [rt] Scales every partition by g (divergence guard, reset with g = 0).
 void afilt_scale(const eaec_params *p, eaec_chan *c, float g) noexcept;

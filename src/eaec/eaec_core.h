@@ -36,7 +36,8 @@ struct eaec_params {
     int delay_frames; // sigdelay in frames
     float floor_echo; // power floor of the residual-echo gain, 10^(aec/10)
     float floor_noise;// power floor of the noise gain, 10^(nc/10)
-    float reg;        // regularisation of the filter's normalisation
+    float reg;        // regularisation of the filter's normalisation (absolute part)
+    float reg_rel;    // ... and the part relative to the mean far-end bin power
     float far_active; // far-end frame energy above which the filter adapts
     float mu_max, mu_init;
     float window[2 * EAEC_HOP_MAX]; // sqrt-Hann, analysis and synthesis
@@ -46,7 +47,6 @@ struct eaec_params {
 // One microphone channel: its adaptive filter and suppressor state.
 struct eaec_chan {
     float *w_re, *w_im;                // P rows of kpad: filter partitions
-    float part_energy[EAEC_PART_MAX];  // sum |W_p|^2, for the proportionate step
     float e_hist[EAEC_HOP_MAX];        // previous frame's error and echo
     float y_hist[EAEC_HOP_MAX];        //   estimate (first window half)
     float ola[EAEC_HOP_MAX];           // synthesis overlap

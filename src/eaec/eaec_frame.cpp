@@ -102,7 +102,7 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
     std::memcpy(c->e_hist, e, sizeof(float) * size_t(n));
     std::memcpy(c->y_hist, yhat, sizeof(float) * size_t(n));
 
-    const supp_frame sf = supp_analyse(p, c, f.es_re, f.es_im, f.ys_re, f.ys_im, far_active, f.pe);
+    supp_analyse(p, c, f.es_re, f.es_im, f.ys_re, f.ys_im, far_active, f.pe);
 
     if (far_active) {
         supp_step(p, c, f.mu);
@@ -110,8 +110,14 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
             f.t2[i] = 0.0f;
         std::memcpy(f.t2 + (m - n), e, sizeof(float) * size_t(n));
         eaec_rfft(&p->fft, f.t2, f.g_re, f.g_im, f.work);
+        float mean = 0.0f;
+        for (int k = 0; k < nb; k++)
+            mean += s->x_norm[k];
+        // Bins far below the mean far-end power carry mostly microphone
+        // noise into the gradient: their steps shrink.
+        const float reg = p->reg + p->reg_rel * mean / float(nb);
         for (int k = 0; k < nb; k++) {
-            const float g = f.mu[k] / (s->x_norm[k] + p->reg);
+            const float g = f.mu[k] / (s->x_norm[k] + reg);
             f.g_re[k] *= g;
             f.g_im[k] *= g;
         }
@@ -119,10 +125,7 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
             f.g_re[k] = f.g_im[k] = 0.0f;
         if (afilt_update(p, s, c, f.g_re, f.g_im) != 0)
             afilt_scale(p, c, 0.0f);
-        afilt_constrain(p, c, f.t2);
-        // The filter adds echo instead of removing it: pull it back.
-        if (sf.sum_e > 4.0f * sf.sum_d)
-            afilt_scale(p, c, 0.5f);
+        afilt_constrain(p, c, f.t2, f.work);
     }
 
     supp_apply(p, c, f.es_re, f.es_im, f.pe);
@@ -159,9 +162,10 @@ void eaec_derive(eaec_params *p, const EAEC_CONFIG *cfg, int hop, int nfft)
     // White far-end at -90 dBFS in every partition: below it the
     // filter's normalisation stops shrinking.
     p->reg = float(p->npart) * float(nfft) * 1e-9f;
+    p->reg_rel = 0.01f;
     p->far_active = float(hop) * 1e-8f; // -80 dBFS mean power
-    p->mu_max = 0.7f;
-    p->mu_init = 0.5f;
+    p->mu_max = 0.8f;
+    p->mu_init = 0.8f;
     const double pi = 3.14159265358979323846;
     for (int i = 0; i < p->win; i++)
         p->window[i] = float(std::sin(pi * (i + 0.5) / p->win));
