@@ -7,7 +7,10 @@ JOBS ?= $(shell nproc)
 DEPS = cmake g++ make pkg-config libopus-dev libasound2-dev libgtest-dev libgmock-dev \
        libbenchmark-dev iproute2
 
-.PHONY: all deps build run test bench clean
+ARMHF_BUILD ?= build-armhf
+ARMHF_DEPS = g++-arm-linux-gnueabihf qemu-user libopus-dev:armhf libasound2-dev:armhf libgtest-dev
+
+.PHONY: all deps build run test bench package armhf-deps armhf armhf-test armhf-package clean
 
 all: build
 
@@ -31,5 +34,29 @@ test: build
 bench: build
 	for b in $(BUILD)/bench/*_bench; do $$b; done
 
+package: build
+	cd $(BUILD) && cpack
+
+# The target board: armhf cross-build; its tests run under qemu-arm.
+armhf-deps:
+	@dpkg --print-foreign-architectures | grep -qx armhf || dpkg --add-architecture armhf
+	@missing=""; for p in $(ARMHF_DEPS); do dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; done; \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:$$missing"; \
+	  apt-get update -qq || true; \
+	  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
+	fi
+
+armhf: armhf-deps
+	cmake -S . -B $(ARMHF_BUILD) -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	cmake --build $(ARMHF_BUILD) -j $(JOBS)
+
+armhf-test: armhf
+	cd $(ARMHF_BUILD) && ctest --output-on-failure -j $(JOBS)
+
+armhf-package: armhf
+	cd $(ARMHF_BUILD) && cpack
+
 clean:
-	rm -rf $(BUILD)
+	rm -rf $(BUILD) $(ARMHF_BUILD)

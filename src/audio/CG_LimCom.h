@@ -1,27 +1,36 @@
 // The two limiter/compressor models: parameter sets, states and entry
-// points of the one-channel and the stereo-linked model.
+// points of the one-channel and the stereo-linked model. Both work on
+// 48-sample blocks and keep their states across blocks, so a signal cut
+// into blocks is smoothed exactly as if it were continuous. The generated
+// block names (Attack_Gain, Delay_DSTATE) are kept as the model has them.
 #pragma once
 #include <cstdint>
 
+inline constexpr int LIMCOM_BLOCK = 48; // samples per channel and block
+
+// One-channel model. Envelope e follows |x| / T with the attack time
+// (rising) or the release time (falling, or equal); the gain is
+// 1 / (Bias_Bias + R * clamp(e - 1)), and every output is also scaled by
+// Output_Drive_Gain / T. Double precision apart from the input drive.
 struct P_CG_LimCom_1ch_T {
-    double cg_TC_compute_SampleRate;
-    double Constant3_Value;
-    double Lim_Threshold_Gain;
-    double Delay_InitialCondition;
-    double Attackms_Gain;
-    double Releasems_Gain;
-    double Bias1_Bias;
-    double Saturation1_UpperSat;
+    double cg_TC_compute_SampleRate; // samples per ms
+    double Constant3_Value;          // C3
+    double Lim_Threshold_Gain;       // threshold T, linear
+    double Delay_InitialCondition;   // initial envelope
+    double Attackms_Gain;            // attack, ms
+    double Releasems_Gain;           // release, ms
+    double Bias1_Bias;               // -1: envelope above the threshold
+    double Saturation1_UpperSat;     // +inf once initialised
     double Saturation1_LowerSat;
-    double ratio_Gain;
+    double ratio_Gain;               // R
     double Bias_Bias;
     double Output_Drive_Gain;
-    float Input_Drive_Gain;
-    uint32_t Delay_DelayLength;
+    float Input_Drive_Gain;          // single precision
+    uint32_t Delay_DelayLength;      // 1: no look-ahead
 };
 
 struct DW_CG_LimCom_1ch_T {
-    double Delay_DSTATE;
+    double Delay_DSTATE; // the envelope
 };
 
 struct CG_LimCom_1ch_Model {
@@ -29,33 +38,37 @@ struct CG_LimCom_1ch_Model {
     DW_CG_LimCom_1ch_T DW;
 };
 
+// Two-channel, stereo-linked model: a 40 Hz third-order high-pass per
+// channel (single precision), then one detector on the louder channel at
+// each instant, smoothed in the log domain by two smoothers; the second
+// one's times are PL_Attack_Gain / PL_Release_Gain times the first one's.
 struct P_CG_LimCom_2ch_T {
-    double cg_TC_compute_SampleRate;
-    double cg_TC_compute1_SampleRate;
-    double Constant3_Value;
-    double Lim_Threshold_Gain;
-    double Saturation1_UpperSat;
-    double Saturation1_LowerSat;
-    double Delay_InitialCondition;
-    double Attack_Gain;
-    double Release_Gain;
-    double Delay_InitialCondition_l;
-    double PL_Attack_Gain;
-    double PL_Release_Gain;
-    double Saturation2_UpperSat;
-    double Saturation2_LowerSat;
-    double ratio_Gain;
+    double cg_TC_compute_SampleRate;  // samples per ms, first smoother
+    double cg_TC_compute1_SampleRate; // samples per ms, second smoother
+    double Constant3_Value;           // C3
+    double Lim_Threshold_Gain;        // threshold T, linear
+    double Saturation1_UpperSat;      // +inf once initialised
+    double Saturation1_LowerSat;      // floor before the logarithm
+    double Delay_InitialCondition;    // first smoother
+    double Attack_Gain;               // first smoother attack, ms
+    double Release_Gain;              // first smoother release, ms
+    double Delay_InitialCondition_l;  // second smoother
+    double PL_Attack_Gain;            // second attack, multiple of Attack_Gain
+    double PL_Release_Gain;           // second release, multiple of Release_Gain
+    double Saturation2_UpperSat;      // +inf once initialised
+    double Saturation2_LowerSat;      // floor of the gain-control value
+    double ratio_Gain;                // R
     double Bias_Bias;
     double Output_Drive_Gain;
-    float Input_Drive_Gain;
+    float Input_Drive_Gain;           // single precision
     uint32_t Delay_DelayLength;
     uint32_t Delay_DelayLength_o;
 };
 
 struct DW_CG_LimCom_2ch_T {
-    double Delay_DSTATE[2];
-    double Delay_DSTATE_m[2];
-    float DigitalFilter_FILT_STATES[8];
+    double Delay_DSTATE[2];              // first smoother, path A and B
+    double Delay_DSTATE_m[2];            // second smoother, path A and B
+    float DigitalFilter_FILT_STATES[8];  // high-pass: w1 w2 z1 z2 of ch 0, then ch 1
 };
 
 struct CG_LimCom_2ch_Model {
@@ -63,12 +76,22 @@ struct CG_LimCom_2ch_Model {
     DW_CG_LimCom_2ch_T DW;
 };
 
+// Defaults copied into an instance before the configured values; the
+// upper saturation limits are stored 0 and become +inf on initialisation.
 extern const P_CG_LimCom_1ch_T LimCom_1ch_Subsystem_Default_Params;
 extern const P_CG_LimCom_2ch_T LimCom_2ch_Subsystem_Default_Params;
 
+// [sup] Keeps m->P (sets the upper limits to +inf), resets the states to
+// their initial conditions and clears in[] and out[] (48 floats per
+// channel: 48 for the one-channel, 96 for the two-channel model).
 void CG_LimCom_1ch_initialize(CG_LimCom_1ch_Model *m, float *in, float *out);
+// [rt] One block: in[0..47] -> out[0..47]. in and out may be the same.
 void CG_LimCom_1ch_step(CG_LimCom_1ch_Model *m, const float *in, float *out) noexcept;
+// Nothing to release.
 void CG_LimCom_1ch_terminate(CG_LimCom_1ch_Model *m);
+
 void CG_LimCom_2ch_initialize(CG_LimCom_2ch_Model *m, float *in, float *out);
+// [rt] One block: channel 0 in[0..47], channel 1 in[48..95] -> out, same
+// layout. in and out may be the same.
 void CG_LimCom_2ch_step(CG_LimCom_2ch_Model *m, const float *in, float *out) noexcept;
 void CG_LimCom_2ch_terminate(CG_LimCom_2ch_Model *m);

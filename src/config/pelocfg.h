@@ -51,18 +51,30 @@ extern int srcs_used;
 extern char ifs[40];
 extern dlist xpts, xpts_del, xpts_new;
 
-// [sup] Reads fname and applies it. Returns errno after the load (the
-// open error when the file cannot be opened: then everything is removed).
+// [sup] Reads fname and applies it by difference, in this order: every
+// crosspoint that is gone is deleted (pelod_xpt_del), the outgoing streams
+// are rebuilt from srcs (pelod_update_rtp_sources), then new or changed
+// crosspoints are added (pelod_xpt_add) in the reverse of their file order.
+// Unchanged crosspoints are not touched. A file that cannot be opened is
+// reported and loads as an empty one: everything is removed. Returns errno
+// after the load (the open error in that case).
 int pelocfg_load(const char *fname);
-// [sup] One line each. Return 0, or -1 when nothing could be stored.
+// [sup] One line each, with or without its keyword. GLB sets ifs (ignored
+// once 64 SRC lines are stored). XPT queues its crosspoint in xpts, xpts_new
+// or reuses a node of xpts_del; -1 when no node could be allocated. SRC
+// fills the next srcs entry; -1 when all 64 are used.
 int pelocfg_load_glb(const char *cmd);
 int pelocfg_load_xpt(const char *cmd);
 int pelocfg_load_src(const char *cmd);
-// [sup] Parses "L24/48000/2"-style text into fmt; warnings name `tag`.
+// [sup] Parses "L24/48000/2", "L24.48000.2" or "L24/2" into fmt; other texts
+// clear it. Prints a warning naming `tag` for each field it corrects.
 void rtp_fmt_parse(rtp_fmt *fmt, const char *rtpmap_fmt, const char *tag);
-// [sup] "1;a=..;r=..;T=..;R=..;i=01" into lcp.
+// [sup] "1;a=..;r=..;T=..;R=..;i=01" into lcp; fields not given are kept.
 void pelocfg_limcom(limcom_params *lcp, const char *s);
-// [sup] "1;t=..;h=..;g=.." into vox.
+// [sup] "1;t=dB;h=s;g=0|1" into vox (threshold 0: detection off).
 void pelocfg_vox(pelod_vox_cfg *vox, const char *s);
-// [sup] Fills nep endpoint records from an address and an interface text.
+// [sup] Fills eps[0..nep-1] from an address text ("239.1.2.3:5004",
+// channel number, vts:// URL, with ";src=" naming the multicast sender)
+// and an interface text (empty: 0.0.0.0). All zero when either is no
+// valid address.
 void rtpa2ep(const char *rtpa, const char *ifa, rtp_ep_spec *eps, int nep);

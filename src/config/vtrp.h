@@ -25,7 +25,7 @@ size_t vtr_copyval(char *buf, const char *s, int buf_size);
 uint32_t vtr_url2ip_port(const char *url, uint16_t *udp_port, uint16_t udp_port_default);
 // Length of the value once unquoted and unescaped (stops at CR/LF).
 int vtr_vallen(const char *v);
-// Newly allocated unquoted copy of the value, or null; the caller frees.
+// Newly allocated unquoted copy of the value, or null; release with free().
 char *vtr_valdup(const char *v);
 // The value as a long, base auto-detected (0x.. hex, 0.. octal).
 long vtr_vall(const char *v);

@@ -104,7 +104,9 @@ void mix_render_alsa_src(const rtp_src *s, int32_t *buf) noexcept
 void mix_mic_to_ring(const int32_t *buf, uint32_t rtp_ts) noexcept
 {
     for (rtp_dst &d : rtp_dsts) {
-        if (d.ep.sa_dst.sin_family != alsa_src_family)
+        // the marker is the flow's last store when it starts: pdly and fmt
+        // are valid once it is seen
+        if (observe(d.ep.sa_dst.sin_family) != alsa_src_family)
             continue;
         const int step = d.fmt.nchan > 0 ? d.fmt.nchan : 2;
         // a channel count of 1 deliberately takes all 96 interleaved values

@@ -1,8 +1,25 @@
 #include "routing/xpt.h"
 
+#include "audio/eaec_glue.h"
+#include "config/pelocfg.h"
+#include "daemon/grace.h"
+#include "daemon/pelod.h"
+#include "daemon/shared.h"
+#include "rtp/rtp_src.h"
+
+#include <arpa/inet.h>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <opus.h>
+#include <type_traits>
+
+static_assert(std::is_standard_layout_v<rtp_dst> && std::is_trivially_copyable_v<rtp_dst>);
 
 rtp_dst rtp_dsts[RTP_DST_MAX];
+
+#define IP4(a) (reinterpret_cast<const uint8_t *>(&(a))[0]), (reinterpret_cast<const uint8_t *>(&(a))[1]), \
+               (reinterpret_cast<const uint8_t *>(&(a))[2]), (reinterpret_cast<const uint8_t *>(&(a))[3])
 
 void dst_init(rtp_dst *dst, int ch)
 {
@@ -13,13 +30,258 @@ void dst_init(rtp_dst *dst, int ch)
     dlist_init(&dst->ep.rtp_sk_ep_list);
 }
 
-int pelod_xpt_add(const pelod_xpt *) { return -1; }
-int pelod_xpt_del(const pelod_xpt *) { return -1; }
-int mix_ref(const char *) { return -1; }
-int match_xpt_dst(const pelod_xpt *, const rtp_dst *) { return 0; }
-int dst_in_use(const rtp_dst *) { return 0; }
+int dst_in_use(const rtp_dst *dst)
+{
+    const int i = dst_imix_inp(dst);
+    for (const auto &row : mix_gain)
+        if (row[i] != 0.0f)
+            return 1;
+    return 0;
+}
+
 int dst_imix_inp(const rtp_dst *dst) { return dst->index; }
-void dst_flow_start(rtp_dst *, const pelod_xpt *) {}
-void dst_flow_stop(rtp_dst *) {}
-void mixs_prune() {}
-void debug_print_flow(int, const rtp_dst *) {}
+
+int mix_ref(const char *id)
+{
+    for (int i = 0; i < MIX_OUT_MAX; i++)
+        if (strcmp(mixouts[i].id, id) == 0)
+            return i;
+    for (int i = 0; i < MIX_OUT_MAX; i++)
+        if (mixouts[i].id[0] == '\0') {
+            snprintf(mixouts[i].id, sizeof mixouts[i].id, "%s", id);
+            if (debug)
+                printf("+ mix  %s\n", id);
+            return i;
+        }
+    return -1;
+}
+
+template <class T> static bool same_bits(const T &a, const T &b) { return memcmp(&a, &b, sizeof a) == 0; }
+
+// Field by field, so that padding never decides.
+static bool same_vox(const pelod_vox_cfg &a, const pelod_vox_cfg &b)
+{
+    return same_bits(a.threshold_lin, b.threshold_lin) && a.holdtime == b.holdtime && a.gate == b.gate;
+}
+
+static bool same_limcom(const limcom_params &a, const limcom_params &b)
+{
+    return a.enable == b.enable && a.ch0 == b.ch0 && a.ch1 == b.ch1 && same_bits(a.attack, b.attack) &&
+           same_bits(a.release, b.release) && same_bits(a.threshold, b.threshold) && same_bits(a.ratio, b.ratio);
+}
+
+int match_xpt_dst(const pelod_xpt *x, const rtp_dst *dst)
+{
+    if (dst->src[0] == '\0') // a free flow serves nothing
+        return 0;
+    if (!same_vox(dst->vox, x->vox) || !same_limcom(dst->limcom.current_params, x->limcom_params))
+        return 0;
+    if (strncmp(dst->src, x->src, sizeof dst->src) != 0 || dst->channel_mode != x->chn ||
+        dst->pdly != uint32_t(x->pdly))
+        return 0;
+    const int ec = x->eaec_mix[0] ? mix_ref(x->eaec_mix) : -1;
+    return dst->eaec_source == ec;
+}
+
+static rtp_dst *xpt_flow(const pelod_xpt *x)
+{
+    for (rtp_dst &d : rtp_dsts)
+        if (match_xpt_dst(x, &d))
+            return &d;
+    return nullptr;
+}
+
+// -100 dB or less mutes; so does a gain that is not a number
+static float xpt_gain(const pelod_xpt *x) { return x->gain_dB > -100.0f ? dB2lin(x->gain_dB) : 0.0f; }
+
+// Ends a canceller that the cycle may be running: it is disabled first and
+// its objects are freed only once the cycle has passed a boundary.
+static void dst_eaec_end(rtp_dst *dst)
+{
+    if (dst->eaec_source == -1)
+        return;
+    publish(dst->eaec_source, -1);
+    grace_wait();
+    eaec_done(dst->eaec_params, dst->eaec_state);
+    dst->eaec_params = nullptr;
+    dst->eaec_state = nullptr;
+}
+
+void dst_flow_start(rtp_dst *dst, const pelod_xpt *x)
+{
+    dst->vox = x->vox;
+    snprintf(dst->src, sizeof dst->src, "%s", x->src);
+    dst->channel_mode = x->chn;
+    dst->fmt = x->fmt;
+    dst->pdly = uint32_t(x->pdly);
+
+    if (strncmp(x->src, "alsa:", 5) == 0) {
+        dst->ep.sa_dst.sin_port = htons(uint16_t(strtol(x->src + 5, nullptr, 0)));
+        // last: the microphone feeds this flow from the next block on
+        publish(dst->ep.sa_dst.sin_family, sa_family_t(alsa_src_family));
+        return;
+    }
+
+    const int ec = x->eaec_mix[0] ? mix_ref(x->eaec_mix) : -1;
+    if (ec >= 0)
+        dst_eaec_setup(dst, ec);
+    else
+        dst_eaec_end(dst);
+
+    CG_limcom_init_instance(&dst->limcom, &x->limcom_params, 1);
+
+    if (x->fmt.payload_format == 1) {
+        int err = OPUS_OK;
+        dst->opus_dec = opus_decoder_create(48000, x->fmt.nchan == 1 ? 1 : 2, &err);
+        if (!dst->opus_dec)
+            fprintf(stderr, "pelod: opus_decoder_create: %s\n", opus_strerror(err));
+    }
+
+    // last: everything the receive path uses is ready
+    rtp_ep_open(&dst->ep, &x->ep, dst);
+    if (debug)
+        debug_print_flow('+', dst);
+}
+
+void dst_flow_stop(rtp_dst *dst)
+{
+    if (debug)
+        debug_print_flow('-', dst);
+    rtp_ep_close(&dst->ep);
+    publish(dst->src[0], '\0');
+
+    // The cycle may still be limiting, cancelling or decoding this flow:
+    // switch each off, let the cycle pass a boundary, then tear down.
+    OpusDecoder *dec = dst->opus_dec;
+    const bool had_ec = dst->eaec_source != -1;
+    publish(dst->eaec_source, -1);
+    publish(dst->limcom.current_params.enable, 0);
+    grace_wait();
+    if (had_ec) {
+        eaec_done(dst->eaec_params, dst->eaec_state);
+        dst->eaec_params = nullptr;
+        dst->eaec_state = nullptr;
+    }
+    CG_limcom_init_instance(&dst->limcom, nullptr, 1);
+    if (dec)
+        opus_decoder_destroy(dec); // the handle is cleared when the flow is reused
+}
+
+int pelod_xpt_add(const pelod_xpt *x)
+{
+    if (x->mix[0] == '\0') {
+        puts("update_flows no mixer output available");
+        return -1;
+    }
+    // no source: it could only take a flow that then looks free
+    if (x->src[0] == '\0')
+        return -1;
+    const int imix = mix_ref(x->mix);
+    if (imix < 0) {
+        puts("update_flows no mixer output available");
+        return -1;
+    }
+
+    rtp_dst *dst = xpt_flow(x);
+    if (dst) {
+        // a sound-card flow keeps its marker; it has no network endpoint
+        if (dst->ep.sa_dst.sin_family != alsa_src_family) {
+            dst->ep.sa_dst = x->ep.sa_dst;
+            if (memcmp(&dst->ep.sa_bind, &x->ep.sa_bind, sizeof dst->ep.sa_bind) != 0) {
+                if (debug)
+                    debug_print_flow('-', dst);
+                rtp_ep_close(&dst->ep);
+                rtp_ep_open(&dst->ep, &x->ep, dst);
+                if (debug)
+                    debug_print_flow('+', dst);
+            }
+        }
+        mix_gain_set(imix, dst_imix_inp(dst), xpt_gain(x));
+        return 0;
+    }
+
+    for (rtp_dst &d : rtp_dsts)
+        if (d.src[0] == '\0') {
+            dst = &d;
+            break;
+        }
+    if (!dst) {
+        puts("update_flows no mixer input available");
+        return -1;
+    }
+    dst_init(dst, int(dst - rtp_dsts));
+    dst->channel_mode = x->chn;
+    dst->pdly = uint32_t(x->pdly);
+    mix_gain_set(imix, dst_imix_inp(dst), xpt_gain(x));
+    dst_flow_start(dst, x);
+    return 0;
+}
+
+int pelod_xpt_del(const pelod_xpt *x)
+{
+    const int imix = x->mix[0] ? mix_ref(x->mix) : -1;
+    rtp_dst *dst = xpt_flow(x);
+    if (!dst)
+        return -1;
+    if (imix >= 0)
+        mix_gain_set(imix, dst_imix_inp(dst), 0.0f);
+    if (!dst_in_use(dst))
+        dst_flow_stop(dst);
+    mixs_prune();
+    return 0;
+}
+
+static bool mix_used_by_stream(int j)
+{
+    for (const rtp_src *s = rtp_srcs; s; s = s->next)
+        if ((s->nchn > 0 && s->mix[0] == j) || (s->nchn != 1 && s->mix[1] == j))
+            return true;
+    return false;
+}
+
+void mixs_prune()
+{
+    for (int j = 0; j < MIX_OUT_MAX; j++) {
+        if (mixouts[j].id[0] == '\0')
+            continue;
+        bool gain = false;
+        for (float g : mix_gain[j])
+            gain = gain || g != 0.0f;
+        if (gain || mix_used_by_stream(j))
+            continue;
+        if (debug)
+            printf("- mix  %s\n", mixouts[j].id);
+        mixouts[j].id[0] = '\0';
+    }
+}
+
+// Channel letter: set[i], or '?' for a chn the set does not hold.
+static char chan_char(const char *set, int i)
+{
+    return i >= 0 && size_t(i) < strlen(set) ? set[i] : '?';
+}
+
+void debug_print_flow(int change_mark, const rtp_dst *dst)
+{
+    char suffix[160] = "";
+    int n = 0;
+    if (dst->eaec_source != -1)
+        n = snprintf(suffix, sizeof suffix, " ec %d (frame %d)", dst->eaec_source, dst->eaec_frame_length);
+    if (dst->vox.threshold_lin != 0.0f)
+        snprintf(suffix + n, sizeof suffix - size_t(n), " vox(t:%f h:%d gate:%s)", double(dst->vox.threshold_lin),
+                 dst->vox.holdtime, dst->vox.gate ? "on" : "off");
+
+    const sockaddr_in &d = dst->ep.sa_dst;
+    const sockaddr_in &b = dst->ep.sa_bind;
+    if (b.sin_family == alsa_src_family) {
+        const char c = chan_char(dst->fmt.nchan > 2 ? "12345678" : "LR", dst->channel_mode);
+        printf("%c flow alsa:%d %c -> %d%s\n", change_mark, ntohs(d.sin_port), c, dst->index, suffix);
+    } else if (b.sin_family == AF_INET && b.sin_addr.s_addr != INADDR_NONE) {
+        char c = 'D';
+        if (dst->channel_mode >= 0)
+            c = chan_char(dst->fmt.nchan > 2 || dst->channel_mode > 1 ? "12345678" : "LR", dst->channel_mode);
+        printf("%c flow %d.%d.%d.%d:%d #%d on %d.%d.%d.%d pdly %d %c -> %d%s\n", change_mark, IP4(d.sin_addr.s_addr),
+               ntohs(d.sin_port), int(ntohl(d.sin_addr.s_addr) & 0xFFFF), IP4(b.sin_addr.s_addr), int(dst->pdly), c,
+               dst->index, suffix);
+    }
+}

@@ -46,6 +46,7 @@ extern rtp_dst rtp_dsts[RTP_DST_MAX];
 
 // [sup] Routes a crosspoint. Returns 0, or -1 after printing
 // "update_flows no mixer output available" / "... input available".
+// A crosspoint without a source gets no flow (-1, nothing printed).
 int pelod_xpt_add(const pelod_xpt *x);
 // [sup] Unroutes a crosspoint; stops its flow when no gain is left.
 // Returns -1 when no flow serves it.
@@ -54,15 +55,17 @@ int pelod_xpt_del(const pelod_xpt *x);
 void dst_init(rtp_dst *dst, int ch);
 // [sup] Mix output named id, created in the lowest free slot; -1 if full.
 int mix_ref(const char *id);
-// [sup] 1 when flow dst serves crosspoint x.
+// [sup] 1 when flow dst (in use) serves crosspoint x; may create the mix
+// output that x's echo canceller names.
 int match_xpt_dst(const pelod_xpt *x, const rtp_dst *dst);
 // 1 when the flow's column has a non-zero gain.
 int dst_in_use(const rtp_dst *dst);
 int dst_imix_inp(const rtp_dst *dst);
 // [sup] Prepares a flow and opens its endpoint last.
 void dst_flow_start(rtp_dst *dst, const pelod_xpt *x);
-// [sup] Closes a flow's endpoint, marks it free, tears down its processing
-// after a grace period.
+// [sup] Closes a flow's endpoint and marks it free; switches off its
+// canceller and limiter, and only after a grace period ends the canceller,
+// resets the limiter and destroys the Opus decoder.
 void dst_flow_stop(rtp_dst *dst);
 // [sup] Frees mix outputs with no gain and no outgoing stream.
 void mixs_prune();

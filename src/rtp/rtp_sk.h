@@ -76,10 +76,16 @@ void rtp_sk_igmp_subsc_add(rtp_sk *sk, in_addr_t G, in_addr_t S);
 void rtp_sk_igmp_subs_del(rtp_sk *sk, in_addr_t G, in_addr_t S);
 // [sup] One membership call; op '+' joins, '-' leaves.
 void igmp_memb(int op, int fd, in_addr_t G, in_addr_t S, in_addr_t ifa);
-// [sup] Attaches ep (prepared from the endpoint record) to a shared socket.
+// [sup] Copies the endpoint record into ep and attaches it to the socket of
+// its bind address, port and interface (made when missing), joining the
+// group for a multicast destination. Bind address INADDR_NONE or a family
+// other than AF_INET leaves ep unattached. The bucket link is the last
+// store. Callers close an open endpoint first.
 void rtp_ep_open(rtp_ep *ep, const rtp_ep_spec *eps, rtp_dst *dst);
-// [sup] Detaches ep; leaves memberships and closes the socket when unused.
-// The socket record is freed only after a grace period.
+// [sup] Marks ep closed and unlinks it, leaves the membership when it was
+// the last endpoint wanting it, unlinks the socket when no flow or stream
+// uses it; then waits a grace period, after which ep's link may be reused,
+// and closes and frees an unused socket.
 void rtp_ep_close(rtp_ep *ep);
 // [sup] Debug lines ("-d").
 void rtp_sk_debug_info(int op, const rtp_sk *sk);

@@ -1,0 +1,251 @@
+#include "daemon/grace.h"
+#include "daemon/pelod.h"
+#include "routing/xpt.h"
+#include "rtp/rtp_sk.h"
+#include "rtp/rtp_src.h"
+#include "support/emulation.h"
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sched.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+in_addr_t ip(const char *a) { return inet_addr(a); }
+
+rtp_ep_spec endpoint(const char *dst, int port, const char *bind, const char *ssm = "0.0.0.0")
+{
+    const sockaddr_in d{AF_INET, htons(uint16_t(port)), {ip(dst)}, {}}, b{AF_INET, d.sin_port, {ip(bind)}, {}};
+    return {d, b, ip(ssm)};
+}
+
+int sockets()
+{
+    int n = 0;
+    for (dlist *l = rtp_sk_all.next; l != &rtp_sk_all; l = l->next)
+        n++;
+    return n;
+}
+
+std::string sh(const std::string &cmd)
+{
+    std::string out;
+    char buf[512];
+    FILE *p = popen(cmd.c_str(), "r");
+    while (size_t n = fread(buf, 1, sizeof buf, p))
+        out.append(buf, n);
+    pclose(p);
+    return out;
+}
+
+// State: no socket, no outgoing stream; flows as at start-up. Endpoints
+// are those of flows, since only flows and streams keep a socket alive.
+class RtpSk : public ::testing::Test {
+protected:
+    int port = 0;
+    void SetUp() override
+    {
+        const int fd = socket(AF_INET, SOCK_DGRAM, 0); // a port the kernel hands out
+        sockaddr_in a{AF_INET, 0, {ip("127.0.0.1")}, {}};
+        socklen_t len = sizeof a;
+        bind(fd, reinterpret_cast<sockaddr *>(&a), len);
+        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
+        close(fd);
+        port = ntohs(a.sin_port);
+        ASSERT_TRUE(dlist_empty(&rtp_sk_all));
+        for (int i = 0; i < RTP_DST_MAX; i++)
+            dst_init(&rtp_dsts[i], i);
+        rtp_srcs = nullptr;
+    }
+    void TearDown() override
+    {
+        debug = 0;
+        rtp_srcs = nullptr;
+        for (rtp_dst &d : rtp_dsts)
+            rtp_ep_close(&d.ep);
+        EXPECT_EQ(sockets(), 0);
+    }
+    static void open(int i, const rtp_ep_spec &s) { rtp_ep_open(&rtp_dsts[i].ep, &s, &rtp_dsts[i]); }
+    static void shut(int i) { rtp_ep_close(&rtp_dsts[i].ep); }
+    static rtp_sk *sk(int i) { return rtp_dsts[i].ep.sk; }
+    std::string p() const { return std::to_string(port); }
+};
+
+TEST_F(RtpSk, EqualBindSharesASocketBucketedByDestination)
+{
+    open(0, endpoint("127.0.0.1", port, "127.0.0.1"));
+    open(1, endpoint("0.0.0.0", port, "127.0.0.1")); // wildcard destination
+    open(2, endpoint("127.0.0.1", port, "127.0.0.2"));
+    open(3, endpoint("127.0.0.1", port, "255.255.255.255")); // no endpoint
+    EXPECT_EQ(sockets(), 2);
+    EXPECT_EQ(sk(0), sk(1));
+    EXPECT_EQ(sk(3), nullptr);
+    EXPECT_EQ(sk(0)->rtp_sk_ep_list_ip_dst_hash[1].next, &rtp_dsts[0].ep.rtp_sk_ep_list);
+    EXPECT_EQ(sk(0)->rtp_sk_ep_list_ip_dst_hash[0].next, &rtp_dsts[1].ep.rtp_sk_ep_list);
+    shut(0);
+    EXPECT_EQ(sockets(), 2);
+    shut(1);
+    EXPECT_EQ(sockets(), 1);
+}
+
+TEST_F(RtpSk, BindFailureIsReportedAndTheSocketStillMade)
+{
+    const sockaddr_in a{AF_INET, htons(4000), {ip("192.0.2.1")}, {}}; // not ours
+    testing::internal::CaptureStderr();
+    const int fd = rtp_socket(&a, 1, 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("rtp_socket bind(" + std::to_string(fd) +
+                                                           ", 192.0.2.1:4000) err=99\n", 0), 0u);
+    EXPECT_GE(close(fd), 0);
+}
+
+TEST_F(RtpSk, OutgoingStreamKeepsTheSocket)
+{
+    rtp_src s{};
+    rtp_srcs = &s;
+    const rtp_ep_spec e = endpoint("127.0.0.1", port, "127.0.0.1");
+    rtp_ep_open(&s.ep, &e, nullptr);
+    open(0, e);
+    ASSERT_EQ(sk(0), s.ep.sk);
+    shut(0);
+    EXPECT_EQ(sockets(), 1);
+    EXPECT_EQ(fcntl(s.ep.sk->fd, F_GETFD), 0);
+    rtp_ep_close(&s.ep);
+    EXPECT_EQ(sockets(), 0);
+}
+
+TEST_F(RtpSk, DebugLinesForSocketsAndBuckets)
+{
+    debug = 1;
+    testing::internal::CaptureStdout();
+    open(0, endpoint("127.0.0.1", port, "127.0.0.1"));
+    open(1, endpoint("0.0.0.0", port, "127.0.0.1"));
+    debug_print_sk(sk(0));
+    shut(0);
+    shut(1);
+    char e0[20], e1[20];
+    snprintf(e0, sizeof e0, "%lX", reinterpret_cast<unsigned long>(&rtp_dsts[0].ep));
+    snprintf(e1, sizeof e1, "%lX", reinterpret_cast<unsigned long>(&rtp_dsts[1].ep));
+    const std::string a = "127.0.0.1:" + p();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "+ sock " + a + "\nSK " + a + ":\nSK " + a + " #00: " + e1 +
+                                                          "|0.0.0.0:" + p() + "@" + a + "\nSK " + a + " #01: " +
+                                                          e0 + "|" + a + "@" + a + "\n- sock " + a + "\n");
+}
+
+// The cycle may be inside recvmmsg on the socket: it is unlinked at once
+// but closed only after the cycle has completed a wake-up.
+TEST_F(RtpSk, SocketIsClosedOnlyAfterTheCycleBoundary)
+{
+    SKIP_UNDER_EMULATION();
+    open(0, endpoint("127.0.0.1", port, "127.0.0.1"));
+    const int fd = sk(0)->fd;
+    std::atomic<int> open_when_unlinked{-1};
+    rt_set_alive(1);
+    std::thread cycle([&] {
+        while (std::atomic_ref<dlist *>(rtp_sk_all.next).load() != &rtp_sk_all)
+            usleep(50);
+        open_when_unlinked = fcntl(fd, F_GETFD) == 0;
+        rt_cycle_done();
+    });
+    shut(0);
+    cycle.join();
+    rt_set_alive(0);
+    EXPECT_EQ(open_when_unlinked, 1);
+}
+
+// Multicast runs in a network namespace of the test's own with a veth
+// pair: pv0 10.9.0.1 and pv1 10.9.1.1.
+class RtpSkMcast : public RtpSk {
+protected:
+    int home = -1;
+    void SetUp() override
+    {
+        if (geteuid() != 0)
+            GTEST_SKIP() << "multicast membership tests need root (they make a network namespace)";
+        if (under_emulation()) // qemu-user lacks IP_MULTICAST_ALL and the 4-byte IP_MULTICAST_IF
+            GTEST_SKIP() << "multicast options are not translated under emulation";
+        RtpSk::SetUp();
+        home = ::open("/proc/self/ns/net", O_RDONLY);
+        ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+        ASSERT_EQ(system("ip link add pv0 type veth peer name pv1 && ip addr add 10.9.0.1/24 dev pv0 &&"
+                         " ip addr add 10.9.1.1/24 dev pv1 && ip link set pv0 up && ip link set pv1 up"), 0);
+    }
+    void TearDown() override
+    {
+        if (home < 0)
+            return;
+        RtpSk::TearDown();
+        setns(home, CLONE_NEWNET);
+        close(home);
+    }
+    // Sends one datagram to G out of pv0 and says whether fd received it.
+    bool arrives(int fd, const char *G) const
+    {
+        const int tx = socket(AF_INET, SOCK_DGRAM, 0);
+        const in_addr_t ifa = ip("10.9.0.1");
+        setsockopt(tx, IPPROTO_IP, IP_MULTICAST_IF, &ifa, sizeof ifa);
+        const sockaddr_in to{AF_INET, htons(uint16_t(port)), {ip(G)}, {}};
+        sendto(tx, "x", 1, 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
+        close(tx);
+        pollfd pf{fd, POLLIN, 0};
+        char b[4];
+        return poll(&pf, 1, 200) == 1 && recv(fd, b, sizeof b, MSG_DONTWAIT) == 1;
+    }
+};
+
+TEST_F(RtpSkMcast, OneSocketPerPortAndInterface)
+{
+    open(0, endpoint("239.192.0.5", port, "10.9.0.1"));
+    open(1, endpoint("239.192.0.37", port, "10.9.0.1"));
+    open(2, endpoint("239.192.0.5", port, "10.9.1.1"));
+    EXPECT_EQ(sockets(), 2);
+    ASSERT_EQ(sk(0), sk(1));
+    EXPECT_EQ(sk(0)->sa_bind.sin_addr.s_addr, INADDR_ANY);
+    EXPECT_EQ(sk(0)->mcif_addr, ip("10.9.0.1"));
+    EXPECT_EQ(sk(0)->rtp_sk_ep_list_ip_dst_hash[5].next, &rtp_dsts[1].ep.rtp_sk_ep_list);
+    EXPECT_EQ(rtp_dsts[0].ep.backoff_cnt, RTP_BACKOFF_ARMED);
+    EXPECT_NE(sh("ip maddr show dev pv0").find("239.192.0.37"), std::string::npos);
+    EXPECT_NE(sh("ip maddr show dev pv1").find("239.192.0.5"), std::string::npos);
+}
+
+TEST_F(RtpSkMcast, GroupIsJoinedOnceAndLeftWithTheLastEndpoint)
+{
+    debug = 1;
+    testing::internal::CaptureStdout();
+    open(0, endpoint("239.192.0.5", port, "10.9.0.1"));
+    open(1, endpoint("239.192.0.5", port, "10.9.0.1"));
+    open(2, endpoint("239.192.0.6", port, "10.9.0.1"));
+    const int fd = sk(0)->fd;
+    shut(0);
+    EXPECT_TRUE(arrives(fd, "239.192.0.5"));
+    shut(1);
+    EXPECT_EQ(sh("ip maddr show dev pv0").find("239.192.0.5"), std::string::npos);
+    EXPECT_FALSE(arrives(fd, "239.192.0.5"));
+    EXPECT_TRUE(arrives(fd, "239.192.0.6"));
+    shut(2);
+    const std::string m = " on 10.9.0.1\n", s = " sock 0.0.0.0:" + p() + " mcif 10.9.0.1\n";
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "+" + s + "+ mgrp 239.192.0.5 #5" + m +
+                                                          "+ mgrp 239.192.0.6 #6" + m + "- mgrp 239.192.0.5 #5" +
+                                                          m + "- mgrp 239.192.0.6 #6" + m + "-" + s);
+}
+
+TEST_F(RtpSkMcast, SsmPairsAreSeparateMemberships)
+{
+    debug = 1;
+    testing::internal::CaptureStdout();
+    open(0, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.7"));
+    open(1, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.7"));
+    open(2, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.8"));
+    shut(2);
+    const std::string filters = sh("cat /proc/net/mcfilter");
+    EXPECT_NE(filters.find("0xe8010203 0x0a090007      1"), std::string::npos);
+    EXPECT_EQ(filters.find("0x0a090008"), std::string::npos);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "+ sock 0.0.0.0:" + p() + " mcif 10.9.0.1\n+ mgrp 232.1.2.3 from 10.9.0.7 on 10.9.0.1\n"
+              "+ mgrp 232.1.2.3 from 10.9.0.8 on 10.9.0.1\n- mgrp 232.1.2.3 from 10.9.0.8 on 10.9.0.1\n");
+}
+} // namespace
