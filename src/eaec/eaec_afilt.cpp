@@ -2,40 +2,49 @@
 
 #include <cmath>
 
-void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const eaec_chan *c,
-                         float *__restrict y_re, float *__restrict y_im) noexcept
+namespace {
+// Four bins at a time: GCC lowers this to SSE on x86 and to NEON q
+// registers on the board (explicit vectors need no fast-math there).
+typedef float v4 __attribute__((vector_size(16)));
+} // namespace
+
+void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const eaec_chan *c, float *y_re,
+                         float *y_im) noexcept
 {
-    const int kp = p->kpad;
-    for (int k = 0; k < kp; k++) {
-        y_re[k] = 0.0f;
-        y_im[k] = 0.0f;
-    }
+    const int kp = p->kpad, nv = kp / 4;
+    v4 *yr = reinterpret_cast<v4 *>(y_re), *yi = reinterpret_cast<v4 *>(y_im);
+    for (int k = 0; k < nv; k++)
+        yr[k] = yi[k] = v4{0.0f, 0.0f, 0.0f, 0.0f};
     int slot = s->head;
     for (int part = 0; part < p->npart; part++) {
-        const float *__restrict wr = c->w_re + part * kp, *__restrict wi = c->w_im + part * kp;
-        const float *__restrict xr = s->x_re + slot * kp, *__restrict xi = s->x_im + slot * kp;
-        for (int k = 0; k < kp; k++) {
-            y_re[k] += wr[k] * xr[k] - wi[k] * xi[k];
-            y_im[k] += wr[k] * xi[k] + wi[k] * xr[k];
+        const v4 *wr = reinterpret_cast<const v4 *>(c->w_re + part * kp);
+        const v4 *wi = reinterpret_cast<const v4 *>(c->w_im + part * kp);
+        const v4 *xr = reinterpret_cast<const v4 *>(s->x_re + slot * kp);
+        const v4 *xi = reinterpret_cast<const v4 *>(s->x_im + slot * kp);
+        for (int k = 0; k < nv; k++) {
+            yr[k] += wr[k] * xr[k] - wi[k] * xi[k];
+            yi[k] += wr[k] * xi[k] + wi[k] * xr[k];
         }
         slot = slot ? slot - 1 : p->npart - 1;
     }
 }
 
-int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *__restrict g_re,
-                 const float *__restrict g_im) noexcept
+int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *g_re,
+                 const float *g_im) noexcept
 {
-    const int kp = p->kpad, np = p->npart;
+    const int kp = p->kpad, np = p->npart, nv = kp / 4;
+    const v4 *gr = reinterpret_cast<const v4 *>(g_re), *gi = reinterpret_cast<const v4 *>(g_im);
     float check = 0.0f;
     int slot = s->head;
     for (int part = 0; part < np; part++) {
-        float *__restrict wr = c->w_re + part * kp, *__restrict wi = c->w_im + part * kp;
-        const float *__restrict xr = s->x_re + slot * kp, *__restrict xi = s->x_im + slot * kp;
-        for (int k = 0; k < kp; k++) {
-            wr[k] += xr[k] * g_re[k] + xi[k] * g_im[k];
-            wi[k] += xr[k] * g_im[k] - xi[k] * g_re[k];
+        v4 *wr = reinterpret_cast<v4 *>(c->w_re + part * kp), *wi = reinterpret_cast<v4 *>(c->w_im + part * kp);
+        const v4 *xr = reinterpret_cast<const v4 *>(s->x_re + slot * kp);
+        const v4 *xi = reinterpret_cast<const v4 *>(s->x_im + slot * kp);
+        for (int k = 0; k < nv; k++) {
+            wr[k] += xr[k] * gr[k] + xi[k] * gi[k];
+            wi[k] += xr[k] * gi[k] - xi[k] * gr[k];
         }
-        check += wr[1] + wi[kp / 2]; // a NaN or overflow spreads to every bin within a frame
+        check += c->w_re[part * kp + 1] + c->w_im[part * kp + kp / 2]; // NaN spreads to every bin
         slot = slot ? slot - 1 : np - 1;
     }
     return std::isfinite(check) ? 0 : -1;

@@ -59,26 +59,31 @@ static void radix4(int m, int s, const float *__restrict xr, const float *__rest
         }
         return;
     }
+    // s >= 4: four q at a time (SSE on x86, NEON q registers on the board).
+    typedef float v4 __attribute__((vector_size(16)));
+    const int sv = s / 4, qv = qs / 4;
     for (int p = 0; p < m; p++) {
-        const float c1r = w1r[p], c1i = w1i[p], c2r = w2r[p], c2i = w2i[p], c3r = w3r[p], c3i = w3i[p];
-        const float *ar = xr + s * p, *ai = xi + s * p;
-        float *outr = yr + 4 * s * p, *outi = yi + 4 * s * p;
-        for (int q = 0; q < s; q++) {
-            const float spr = ar[q] + ar[q + 2 * qs], spi = ai[q] + ai[q + 2 * qs];
-            const float smr = ar[q] - ar[q + 2 * qs], smi = ai[q] - ai[q + 2 * qs];
-            const float tpr = ar[q + qs] + ar[q + 3 * qs], tpi = ai[q + qs] + ai[q + 3 * qs];
-            const float tmr = ar[q + qs] - ar[q + 3 * qs], tmi = ai[q + qs] - ai[q + 3 * qs];
-            const float u1r = smr + tmi, u1i = smi - tmr;
-            const float u2r = spr - tpr, u2i = spi - tpi;
-            const float u3r = smr - tmi, u3i = smi + tmr;
+        const v4 c1r = {w1r[p], w1r[p], w1r[p], w1r[p]}, c1i = {w1i[p], w1i[p], w1i[p], w1i[p]};
+        const v4 c2r = {w2r[p], w2r[p], w2r[p], w2r[p]}, c2i = {w2i[p], w2i[p], w2i[p], w2i[p]};
+        const v4 c3r = {w3r[p], w3r[p], w3r[p], w3r[p]}, c3i = {w3i[p], w3i[p], w3i[p], w3i[p]};
+        const v4 *ar = reinterpret_cast<const v4 *>(xr + s * p), *ai = reinterpret_cast<const v4 *>(xi + s * p);
+        v4 *outr = reinterpret_cast<v4 *>(yr + 4 * s * p), *outi = reinterpret_cast<v4 *>(yi + 4 * s * p);
+        for (int q = 0; q < sv; q++) {
+            const v4 spr = ar[q] + ar[q + 2 * qv], spi = ai[q] + ai[q + 2 * qv];
+            const v4 smr = ar[q] - ar[q + 2 * qv], smi = ai[q] - ai[q + 2 * qv];
+            const v4 tpr = ar[q + qv] + ar[q + 3 * qv], tpi = ai[q + qv] + ai[q + 3 * qv];
+            const v4 tmr = ar[q + qv] - ar[q + 3 * qv], tmi = ai[q + qv] - ai[q + 3 * qv];
+            const v4 u1r = smr + tmi, u1i = smi - tmr;
+            const v4 u2r = spr - tpr, u2i = spi - tpi;
+            const v4 u3r = smr - tmi, u3i = smi + tmr;
             outr[q] = spr + tpr;
             outi[q] = spi + tpi;
-            outr[q + s] = c1r * u1r - c1i * u1i;
-            outi[q + s] = c1r * u1i + c1i * u1r;
-            outr[q + 2 * s] = c2r * u2r - c2i * u2i;
-            outi[q + 2 * s] = c2r * u2i + c2i * u2r;
-            outr[q + 3 * s] = c3r * u3r - c3i * u3i;
-            outi[q + 3 * s] = c3r * u3i + c3i * u3r;
+            outr[q + sv] = c1r * u1r - c1i * u1i;
+            outi[q + sv] = c1r * u1i + c1i * u1r;
+            outr[q + 2 * sv] = c2r * u2r - c2i * u2i;
+            outi[q + 2 * sv] = c2r * u2i + c2i * u2r;
+            outr[q + 3 * sv] = c3r * u3r - c3i * u3i;
+            outi[q + 3 * sv] = c3r * u3i + c3i * u3r;
         }
     }
 }

@@ -23,7 +23,7 @@ struct eaec_fft_plan {
 // Returns -1 for another n.
 int eaec_fft_plan_init(eaec_fft_plan *p, int n);
 
-// Scratch an FFT call needs: 4 * n floats.
+// Scratch an FFT call needs: 4 * n floats, 16-byte aligned.
 inline constexpr int EAEC_FFT_WORK = 4 * EAEC_FFT_MAX;
 
 // [rt] Forward transform of x[0..n-1] into re/im[0..n/2], unscaled.

@@ -34,7 +34,7 @@ std::vector<float> noise(size_t n, uint32_t seed)
 class EaecFft : public ::testing::TestWithParam<int> {
 protected:
     eaec_fft_plan plan{};
-    std::array<float, EAEC_FFT_WORK> work{};
+    alignas(16) std::array<float, EAEC_FFT_WORK> work{};
 };
 
 TEST_P(EaecFft, ForwardMatchesDirectTransform)
