@@ -1,29 +1,25 @@
 #include "eaec/eaec_afilt.h"
 
-#include <cmath>
+#include "eaec/eaec_v4.h"
 
-namespace {
-// Four bins at a time: GCC lowers this to SSE on x86 and to NEON q
-// registers on the board (explicit vectors need no fast-math there).
-typedef float v4 __attribute__((vector_size(16)));
-} // namespace
+#include <cmath>
 
 void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const eaec_chan *c, float *y_re,
                          float *y_im) noexcept
 {
-    const int kp = p->kpad, nv = kp / 4;
-    v4 *yr = reinterpret_cast<v4 *>(y_re), *yi = reinterpret_cast<v4 *>(y_im);
-    for (int k = 0; k < nv; k++)
-        yr[k] = yi[k] = v4{0.0f, 0.0f, 0.0f, 0.0f};
+    const int kp = p->kpad;
+    for (int k = 0; k < kp; k += 4) {
+        v4_store(y_re + k, v4_dup(0.0f));
+        v4_store(y_im + k, v4_dup(0.0f));
+    }
     int slot = s->head;
     for (int part = 0; part < p->npart; part++) {
-        const v4 *wr = reinterpret_cast<const v4 *>(c->w_re + part * kp);
-        const v4 *wi = reinterpret_cast<const v4 *>(c->w_im + part * kp);
-        const v4 *xr = reinterpret_cast<const v4 *>(s->x_re + slot * kp);
-        const v4 *xi = reinterpret_cast<const v4 *>(s->x_im + slot * kp);
-        for (int k = 0; k < nv; k++) {
-            yr[k] += wr[k] * xr[k] - wi[k] * xi[k];
-            yi[k] += wr[k] * xi[k] + wi[k] * xr[k];
+        const float *wr = c->w_re + part * kp, *wi = c->w_im + part * kp;
+        const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
+        for (int k = 0; k < kp; k += 4) {
+            const v4 a = v4_load(wr + k), b = v4_load(wi + k), u = v4_load(xr + k), v = v4_load(xi + k);
+            v4_store(y_re + k, v4_add(v4_load(y_re + k), v4_mms(a, u, b, v)));
+            v4_store(y_im + k, v4_add(v4_load(y_im + k), v4_mma(a, v, b, u)));
         }
         slot = slot ? slot - 1 : p->npart - 1;
     }
@@ -32,19 +28,18 @@ void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const eaec_c
 int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *g_re,
                  const float *g_im) noexcept
 {
-    const int kp = p->kpad, np = p->npart, nv = kp / 4;
-    const v4 *gr = reinterpret_cast<const v4 *>(g_re), *gi = reinterpret_cast<const v4 *>(g_im);
+    const int kp = p->kpad, np = p->npart;
     float check = 0.0f;
     int slot = s->head;
     for (int part = 0; part < np; part++) {
-        v4 *wr = reinterpret_cast<v4 *>(c->w_re + part * kp), *wi = reinterpret_cast<v4 *>(c->w_im + part * kp);
-        const v4 *xr = reinterpret_cast<const v4 *>(s->x_re + slot * kp);
-        const v4 *xi = reinterpret_cast<const v4 *>(s->x_im + slot * kp);
-        for (int k = 0; k < nv; k++) {
-            wr[k] += xr[k] * gr[k] + xi[k] * gi[k];
-            wi[k] += xr[k] * gi[k] - xi[k] * gr[k];
+        float *wr = c->w_re + part * kp, *wi = c->w_im + part * kp;
+        const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
+        for (int k = 0; k < kp; k += 4) {
+            const v4 u = v4_load(xr + k), v = v4_load(xi + k), gr = v4_load(g_re + k), gi = v4_load(g_im + k);
+            v4_store(wr + k, v4_add(v4_load(wr + k), v4_mma(u, gr, v, gi)));
+            v4_store(wi + k, v4_add(v4_load(wi + k), v4_mms(u, gi, v, gr)));
         }
-        check += c->w_re[part * kp + 1] + c->w_im[part * kp + kp / 2]; // NaN spreads to every bin
+        check += wr[1] + wi[kp / 2]; // a NaN or overflow spreads to every bin within a frame
         slot = slot ? slot - 1 : np - 1;
     }
     return std::isfinite(check) ? 0 : -1;

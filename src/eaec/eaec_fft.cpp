@@ -1,5 +1,7 @@
 #include "eaec/eaec_fft.h"
 
+#include "eaec/eaec_v4.h"
+
 #include <cmath>
 
 int eaec_fft_plan_init(eaec_fft_plan *p, int n)
@@ -59,31 +61,29 @@ static void radix4(int m, int s, const float *__restrict xr, const float *__rest
         }
         return;
     }
-    // s >= 4: four q at a time (SSE on x86, NEON q registers on the board).
-    typedef float v4 __attribute__((vector_size(16)));
-    const int sv = s / 4, qv = qs / 4;
+    // s >= 4: four q at a time.
     for (int p = 0; p < m; p++) {
-        const v4 c1r = {w1r[p], w1r[p], w1r[p], w1r[p]}, c1i = {w1i[p], w1i[p], w1i[p], w1i[p]};
-        const v4 c2r = {w2r[p], w2r[p], w2r[p], w2r[p]}, c2i = {w2i[p], w2i[p], w2i[p], w2i[p]};
-        const v4 c3r = {w3r[p], w3r[p], w3r[p], w3r[p]}, c3i = {w3i[p], w3i[p], w3i[p], w3i[p]};
-        const v4 *ar = reinterpret_cast<const v4 *>(xr + s * p), *ai = reinterpret_cast<const v4 *>(xi + s * p);
-        v4 *outr = reinterpret_cast<v4 *>(yr + 4 * s * p), *outi = reinterpret_cast<v4 *>(yi + 4 * s * p);
-        for (int q = 0; q < sv; q++) {
-            const v4 spr = ar[q] + ar[q + 2 * qv], spi = ai[q] + ai[q + 2 * qv];
-            const v4 smr = ar[q] - ar[q + 2 * qv], smi = ai[q] - ai[q + 2 * qv];
-            const v4 tpr = ar[q + qv] + ar[q + 3 * qv], tpi = ai[q + qv] + ai[q + 3 * qv];
-            const v4 tmr = ar[q + qv] - ar[q + 3 * qv], tmi = ai[q + qv] - ai[q + 3 * qv];
-            const v4 u1r = smr + tmi, u1i = smi - tmr;
-            const v4 u2r = spr - tpr, u2i = spi - tpi;
-            const v4 u3r = smr - tmi, u3i = smi + tmr;
-            outr[q] = spr + tpr;
-            outi[q] = spi + tpi;
-            outr[q + sv] = c1r * u1r - c1i * u1i;
-            outi[q + sv] = c1r * u1i + c1i * u1r;
-            outr[q + 2 * sv] = c2r * u2r - c2i * u2i;
-            outi[q + 2 * sv] = c2r * u2i + c2i * u2r;
-            outr[q + 3 * sv] = c3r * u3r - c3i * u3i;
-            outi[q + 3 * sv] = c3r * u3i + c3i * u3r;
+        const v4 c1r = v4_dup(w1r[p]), c1i = v4_dup(w1i[p]), c2r = v4_dup(w2r[p]), c2i = v4_dup(w2i[p]);
+        const v4 c3r = v4_dup(w3r[p]), c3i = v4_dup(w3i[p]);
+        const float *ar = xr + s * p, *ai = xi + s * p;
+        float *outr = yr + 4 * s * p, *outi = yi + 4 * s * p;
+        for (int q = 0; q < s; q += 4) {
+            const v4 a_r = v4_load(ar + q), a_i = v4_load(ai + q), b_r = v4_load(ar + q + qs), b_i = v4_load(ai + q + qs);
+            const v4 c_r = v4_load(ar + q + 2 * qs), c_i = v4_load(ai + q + 2 * qs);
+            const v4 d_r = v4_load(ar + q + 3 * qs), d_i = v4_load(ai + q + 3 * qs);
+            const v4 spr = v4_add(a_r, c_r), spi = v4_add(a_i, c_i), smr = v4_sub(a_r, c_r), smi = v4_sub(a_i, c_i);
+            const v4 tpr = v4_add(b_r, d_r), tpi = v4_add(b_i, d_i), tmr = v4_sub(b_r, d_r), tmi = v4_sub(b_i, d_i);
+            const v4 u1r = v4_add(smr, tmi), u1i = v4_sub(smi, tmr);
+            const v4 u2r = v4_sub(spr, tpr), u2i = v4_sub(spi, tpi);
+            const v4 u3r = v4_sub(smr, tmi), u3i = v4_add(smi, tmr);
+            v4_store(outr + q, v4_add(spr, tpr));
+            v4_store(outi + q, v4_add(spi, tpi));
+            v4_store(outr + q + s, v4_mms(c1r, u1r, c1i, u1i));
+            v4_store(outi + q + s, v4_mma(c1r, u1i, c1i, u1r));
+            v4_store(outr + q + 2 * s, v4_mms(c2r, u2r, c2i, u2i));
+            v4_store(outi + q + 2 * s, v4_mma(c2r, u2i, c2i, u2r));
+            v4_store(outr + q + 3 * s, v4_mms(c3r, u3r, c3i, u3i));
+            v4_store(outi + q + 3 * s, v4_mma(c3r, u3i, c3i, u3r));
         }
     }
 }
