@@ -3,9 +3,10 @@
 #include "eaec/eaec_v4.h"
 
 #include <cmath>
+#include <cstring>
 
-void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const eaec_chan *c, float *y_re,
-                         float *y_im) noexcept
+void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const float *w_re, const float *w_im,
+                         float *y_re, float *y_im) noexcept
 {
     const int kp = p->kpad;
     for (int k = 0; k < kp; k += 4) {
@@ -14,7 +15,7 @@ void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const eaec_c
     }
     int slot = s->head;
     for (int part = 0; part < p->npart; part++) {
-        const float *wr = c->w_re + part * kp, *wi = c->w_im + part * kp;
+        const float *wr = w_re + part * kp, *wi = w_im + part * kp;
         const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
         for (int k = 0; k < kp; k += 4) {
             const v4 a = v4_load(wr + k), b = v4_load(wi + k), u = v4_load(xr + k), v = v4_load(xi + k);
@@ -45,6 +46,14 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
     return std::isfinite(check) ? 0 : -1;
 }
 
+void afilt_copy(const eaec_params *p, const float *from_re, const float *from_im, float *to_re,
+                float *to_im) noexcept
+{
+    const size_t bytes = sizeof(float) * size_t(p->npart * p->kpad);
+    std::memcpy(to_re, from_re, bytes);
+    std::memcpy(to_im, from_im, bytes);
+}
+
 void afilt_constrain(const eaec_params *p, eaec_chan *c, float *taps, float *fw) noexcept
 {
     const int kp = p->kpad, part = c->part_next;
@@ -56,11 +65,11 @@ void afilt_constrain(const eaec_params *p, eaec_chan *c, float *taps, float *fw)
     c->part_next = part + 1 < p->npart ? part + 1 : 0;
 }
 
-void afilt_scale(const eaec_params *p, eaec_chan *c, float g) noexcept
+void afilt_scale(const eaec_params *p, float *w_re, float *w_im, float g) noexcept
 {
     const int n = p->npart * p->kpad;
     for (int i = 0; i < n; i++) {
-        c->w_re[i] *= g;
-        c->w_im[i] *= g;
+        w_re[i] *= g;
+        w_im[i] *= g;
     }
 }

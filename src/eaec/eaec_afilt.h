@@ -4,9 +4,13 @@
 #pragma once
 #include "eaec/eaec_core.h"
 
-// [rt] Echo spectrum Y = sum_p W_p X_(head - p) over the K bins.
-void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const eaec_chan *c,
+// [rt] Echo spectrum Y = sum_p W_p X_(head - p) over the K bins, for the
+// partitions w (P rows of kpad).
+void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const float *w_re, const float *w_im,
                          float *y_re, float *y_im) noexcept;
+// [rt] Copies all partitions from one filter to the other.
+void afilt_copy(const eaec_params *p, const float *from_re, const float *from_im, float *to_re,
+                float *to_im) noexcept;
 // [rt] W_p += conj(X_(head - p)) G for every partition, where G is the
 // step-scaled, normalised error spectrum. Returns -1 when the filter is
 // no longer finite (the caller resets it).
@@ -16,5 +20,5 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
 // circular) and moves on to the next one. taps: M floats; fft_work:
 // EAEC_FFT_WORK floats.
 void afilt_constrain(const eaec_params *p, eaec_chan *c, float *taps, float *fft_work) noexcept;
-// [rt] Scales every partition by g (divergence guard, reset with g = 0).
-void afilt_scale(const eaec_params *p, eaec_chan *c, float g) noexcept;
+// [rt] Scales every partition of w by g (a reset with g = 0).
+void afilt_scale(const eaec_params *p, float *w_re, float *w_im, float g) noexcept;

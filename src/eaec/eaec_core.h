@@ -5,6 +5,9 @@
 //   far-end x -> spectrum of the last M samples -> ring of P spectra
 //   echo estimate y = last N samples of IFFT(sum_p W_p X_p)  (overlap-save)
 //   error e = mic - y; W_p += mu_k conj(X_p) E / norm_k     (PBFDAF)
+//   two filters: the background adapts, the foreground (a copy taken
+//   while the background does clearly better) makes the output, so double
+//   talk cannot throw the output filter off
 //   e and y -> sqrt-Hann analysis -> residual-echo and noise suppression
 //   -> synthesis, overlap-add -> 16-bit output, one hop later.
 //
@@ -24,6 +27,7 @@ inline constexpr int EAEC_KPAD_MAX = (EAEC_BIN_MAX + 3) & ~3; // 516
 inline constexpr int EAEC_CHAN_MAX = 2;
 inline constexpr int EAEC_TAIL_MS = 260;  // echo tail covered after the bulk delay
 inline constexpr int EAEC_PART_MAX = 64;
+inline constexpr int EAEC_LAGS = 3; // far-end analysis spectra kept for the coherence
 
 struct eaec_params {
     int sfreq, nspk, nmic;
@@ -37,7 +41,7 @@ struct eaec_params {
     float floor_echo; // power floor of the residual-echo gain, 10^(aec/10)
     float floor_noise;// power floor of the noise gain, 10^(nc/10)
     float reg;        // regularisation of the filter's normalisation (absolute part)
-    float reg_rel;    // ... and the part relative to the mean far-end bin power
+    float reg_noise;  // ... and the part relative to the microphone noise of the bin
     float far_active; // far-end frame energy above which the filter adapts
     float mu_max, mu_init;
     float window[2 * EAEC_HOP_MAX]; // sqrt-Hann, analysis and synthesis
@@ -46,7 +50,10 @@ struct eaec_params {
 
 // One microphone channel: its adaptive filter and suppressor state.
 struct eaec_chan {
-    float *w_re, *w_im;                // P rows of kpad: filter partitions
+    float *w_re, *w_im;                // P rows of kpad: background filter (adapts)
+    float *f_re, *f_im;                // foreground filter (makes the output)
+    float err_bg, err_fg, err_mic;     // smoothed error energies of the two, and the mic's
+    uint32_t copies;                   // background -> foreground copies
     float e_hist[EAEC_HOP_MAX];        // previous frame's error and echo
     float y_hist[EAEC_HOP_MAX];        //   estimate (first window half)
     float ola[EAEC_HOP_MAX];           // synthesis overlap
@@ -54,6 +61,10 @@ struct eaec_chan {
     float m_e[EAEC_KPAD_MAX], m_y[EAEC_KPAD_MAX];   // slow means for the leak
     float r_ey[EAEC_KPAD_MAX], r_yy[EAEC_KPAD_MAX]; // leak regression
     float noise[EAEC_KPAD_MAX];        // noise power estimate
+    float sxx[EAEC_LAGS][EAEC_KPAD_MAX];    // far-end power, per lag in frames
+    float sxe_re[EAEC_LAGS][EAEC_KPAD_MAX]; // far-end/error cross spectrum
+    float sxe_im[EAEC_LAGS][EAEC_KPAD_MAX];
+    float coh_echo[EAEC_KPAD_MAX];     // error power coherent with the far end
     float snr_prev[EAEC_KPAD_MAX];     // decision-directed memory
     float leak;                        // residual echo / echo estimate power
     int leak_valid;
@@ -67,6 +78,9 @@ struct eaec_state {
     float *x_re, *x_im, *x_pow;       // P rows of kpad: far-end spectra and powers
     float x_norm[EAEC_KPAD_MAX];      // sum over the ring of x_pow
     float x_hist[EAEC_FFT_MAX];       // last M far-end samples
+    float xs_re[EAEC_LAGS][EAEC_KPAD_MAX]; // far-end analysis spectra, ring
+    float xs_im[EAEC_LAGS][EAEC_KPAD_MAX];
+    int xs_head;
     eaec_chan *chan[EAEC_CHAN_MAX];
 };
 

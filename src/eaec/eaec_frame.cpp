@@ -13,16 +13,20 @@ static_assert(std::is_trivially_copyable_v<eaec_chan>);
 namespace {
 constexpr float PCM_IN = 1.0f / 32768.0f;
 constexpr float PCM_OUT = 32768.0f;
+constexpr float TWO_PATH_RATE = 0.3f;   // error energy smoothing per frame
+constexpr float TWO_PATH_BETTER = 0.7f; // background 1.5 dB better: copy it
+constexpr float TWO_PATH_WORSE = 8.0f;  // background 9 dB worse: reset it
+constexpr int CONSTRAIN_PER_FRAME = 2;  // partitions cut back to N taps per frame
 
 // The process-wide scratch area: one frame at a time borrows it (the
 // real-time cycle is the only caller), so no frame allocates.
 constexpr int SPECTRA = 10; // per-bin rows below
-constexpr int SCRATCH_FLOATS = EAEC_FFT_WORK + 3 * EAEC_FFT_MAX + SPECTRA * EAEC_KPAD_MAX;
+constexpr int SCRATCH_FLOATS = EAEC_FFT_WORK + 4 * EAEC_FFT_MAX + SPECTRA * EAEC_KPAD_MAX;
 alignas(64) float scratch[SCRATCH_FLOATS];
 
 struct frame_scratch {
     float *work;     // FFT work area
-    float *t0, *t1, *t2;
+    float *t0, *t1, *t2, *t3;
     float *y_re, *y_im;   // filter output spectrum
     float *es_re, *es_im; // analysis spectrum of the error
     float *ys_re, *ys_im; // analysis spectrum of the echo estimate
@@ -38,6 +42,7 @@ frame_scratch borrow_scratch()
     f.t0 = q; q += EAEC_FFT_MAX;
     f.t1 = q; q += EAEC_FFT_MAX;
     f.t2 = q; q += EAEC_FFT_MAX;
+    f.t3 = q; q += EAEC_FFT_MAX;
     float **rows[SPECTRA] = {&f.y_re, &f.y_im, &f.es_re, &f.es_im, &f.ys_re,
                              &f.ys_im, &f.g_re, &f.g_im, &f.mu, &f.pe};
     for (float **r : rows) {
@@ -73,12 +78,14 @@ int16_t to_pcm(float v) noexcept
 
 void chan_reset(const eaec_params *p, eaec_chan *c, int index)
 {
-    float *wr = c->w_re, *wi = c->w_im;
+    float *bufs[4] = {c->w_re, c->w_im, c->f_re, c->f_im};
     std::memset(c, 0, sizeof *c);
-    c->w_re = wr;
-    c->w_im = wi;
-    std::memset(wr, 0, sizeof(float) * size_t(p->npart * p->kpad));
-    std::memset(wi, 0, sizeof(float) * size_t(p->npart * p->kpad));
+    c->w_re = bufs[0];
+    c->w_im = bufs[1];
+    c->f_re = bufs[2];
+    c->f_im = bufs[3];
+    for (float *b : bufs)
+        std::memset(b, 0, sizeof(float) * size_t(p->npart * p->kpad));
     c->leak = 1.0f;
     c->rng = 0x2545F491u + uint32_t(index) * 0x9E3779B9u;
     for (int k = 0; k < EAEC_KPAD_MAX; k++)
@@ -89,43 +96,73 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
                      int far_active, const frame_scratch &f) noexcept
 {
     const int n = p->hop, m = p->nfft, nb = p->nbin;
-    // Linear echo estimate and error (overlap-save: the last N samples).
-    afilt_echo_spectrum(p, s, c, f.y_re, f.y_im);
+    // Two echo estimates (overlap-save: the last N samples): the background
+    // filter adapts at full speed and may be thrown off by double talk; the
+    // foreground filter makes the output and takes the background's
+    // weights only while they do clearly better.
+    afilt_echo_spectrum(p, s, c->w_re, c->w_im, f.y_re, f.y_im);
     eaec_irfft(&p->fft, f.y_re, f.y_im, f.t0, f.work);
-    const float *yhat = f.t0 + (m - n);
-    float *e = f.t1;
-    for (int i = 0; i < n; i++)
+    float *eb = f.t3, *e = f.t1;
+    float en_b = 0.0f, en_f = 0.0f, en_d = 0.0f;
+    for (int i = 0; i < n; i++) {
+        const float d = float(mic[i]) * PCM_IN;
+        eb[i] = d - f.t0[m - n + i];
+        en_b += eb[i] * eb[i];
+        en_d += d * d;
+    }
+    afilt_echo_spectrum(p, s, c->f_re, c->f_im, f.y_re, f.y_im);
+    eaec_irfft(&p->fft, f.y_re, f.y_im, f.t0, f.work);
+    float *yhat = f.t0 + (m - n);
+    for (int i = 0; i < n; i++) {
         e[i] = float(mic[i]) * PCM_IN - yhat[i];
+        en_f += e[i] * e[i];
+    }
+    if (far_active) {
+        c->err_bg += TWO_PATH_RATE * (en_b - c->err_bg);
+        c->err_fg += TWO_PATH_RATE * (en_f - c->err_fg);
+        c->err_mic += TWO_PATH_RATE * (en_d - c->err_mic);
+        if (c->err_bg < TWO_PATH_BETTER * c->err_fg && en_b < en_f) {
+            afilt_copy(p, c->w_re, c->w_im, c->f_re, c->f_im);
+            c->err_fg = c->err_bg;
+            c->copies++;
+            for (int i = 0; i < n; i++) {
+                yhat[i] += e[i] - eb[i];
+                e[i] = eb[i];
+            }
+        } else if (c->err_bg > TWO_PATH_WORSE * c->err_fg) {
+            // Double talk pulled the background away: restart it from the
+            // foreground.
+            afilt_copy(p, c->f_re, c->f_im, c->w_re, c->w_im);
+            c->err_bg = c->err_fg;
+        }
+    }
 
     analyse(p, c->e_hist, e, f.t2, f.es_re, f.es_im, f.work);
     analyse(p, c->y_hist, yhat, f.t2, f.ys_re, f.ys_im, f.work);
     std::memcpy(c->e_hist, e, sizeof(float) * size_t(n));
     std::memcpy(c->y_hist, yhat, sizeof(float) * size_t(n));
 
-    supp_analyse(p, c, f.es_re, f.es_im, f.ys_re, f.ys_im, far_active, f.pe);
+    supp_analyse(p, s, c, f.es_re, f.es_im, f.ys_re, f.ys_im, far_active, f.pe);
 
     if (far_active) {
         supp_step(p, c, f.mu);
         for (int i = 0; i < m - n; i++)
             f.t2[i] = 0.0f;
-        std::memcpy(f.t2 + (m - n), e, sizeof(float) * size_t(n));
+        std::memcpy(f.t2 + (m - n), eb, sizeof(float) * size_t(n));
         eaec_rfft(&p->fft, f.t2, f.g_re, f.g_im, f.work);
-        float mean = 0.0f;
-        for (int k = 0; k < nb; k++)
-            mean += s->x_norm[k];
-        // Bins far below the mean far-end power carry mostly microphone
+        // Bins whose far end lies below the microphone noise carry mostly
         // noise into the gradient: their steps shrink.
-        const float reg = p->reg + p->reg_rel * mean / float(nb);
         for (int k = 0; k < nb; k++) {
-            const float g = f.mu[k] / (s->x_norm[k] + reg);
+            const float g = f.mu[k] / (s->x_norm[k] + p->reg + p->reg_noise * c->noise[k]);
             f.g_re[k] *= g;
             f.g_im[k] *= g;
         }
         for (int k = nb; k < p->kpad; k++)
             f.g_re[k] = f.g_im[k] = 0.0f;
         if (afilt_update(p, s, c, f.g_re, f.g_im) != 0)
-            afilt_scale(p, c, 0.0f);
-        afilt_constrain(p, c, f.t2, f.work);
+            afilt_scale(p, c->w_re, c->w_im, 0.0f);
+        for (int q = 0; q < CONSTRAIN_PER_FRAME; q++)
+            afilt_constrain(p, c, f.t2, f.work);
     }
 
     supp_apply(p, c, f.es_re, f.es_im, f.pe);
@@ -162,7 +199,7 @@ void eaec_derive(eaec_params *p, const EAEC_CONFIG *cfg, int hop, int nfft)
     // White far-end at -90 dBFS in every partition: below it the
     // filter's normalisation stops shrinking.
     p->reg = float(p->npart) * float(nfft) * 1e-9f;
-    p->reg_rel = 0.01f;
+    p->reg_noise = 10.0f;
     p->far_active = float(hop) * 1e-8f; // -80 dBFS mean power
     p->mu_max = 0.8f;
     p->mu_init = 0.8f;
@@ -187,7 +224,9 @@ int eaec_alloc_state(const eaec_params *p, eaec_state *s)
             return -1;
         c->w_re = static_cast<float *>(eaec_calloc(row));
         c->w_im = static_cast<float *>(eaec_calloc(row));
-        if (!c->w_re || !c->w_im)
+        c->f_re = static_cast<float *>(eaec_calloc(row));
+        c->f_im = static_cast<float *>(eaec_calloc(row));
+        if (!c->w_re || !c->w_im || !c->f_re || !c->f_im)
             return -1;
     }
     return 0;
@@ -199,6 +238,8 @@ void eaec_free_state(const eaec_params *p, eaec_state *s)
         if (eaec_chan *c = s->chan[i]) {
             eaec_free(c->w_re);
             eaec_free(c->w_im);
+            eaec_free(c->f_re);
+            eaec_free(c->f_im);
             eaec_free(c);
         }
         s->chan[i] = nullptr;
@@ -264,6 +305,10 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
     }
     for (int k = 0; k < nb; k++)
         s->x_norm[k] = std::max(s->x_norm[k], 0.0f);
+
+    // The far end's analysis spectrum, for the coherence of the suppressor.
+    s->xs_head = s->xs_head + 1 < EAEC_LAGS ? s->xs_head + 1 : 0;
+    analyse(p, s->x_hist + (m - 2 * n), xn, f.t2, s->xs_re[s->xs_head], s->xs_im[s->xs_head], f.work);
 
     for (int ch = 0; ch < p->nmic; ch++)
         process_channel(p, s, s->chan[ch], mic + ch * n, out + ch * n, far_active, f);

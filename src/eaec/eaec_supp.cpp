@@ -16,6 +16,11 @@ constexpr float DD_MEMORY = 0.92f;    // decision-directed a priori SNR
 // (it is a regression over all bins): scaled up, it still falls by orders
 // of magnitude in double talk, which is what protects the filter.
 constexpr float LEAK_STEP_GAIN = 16.0f;
+constexpr float COH_RATE = 0.1f;      // cross-spectrum smoothing per frame
+// Both residual-echo estimates run low (regression and coherence biases);
+// weighted up, they leave double-talk loss under 2 dB on the benchmark.
+constexpr float LEAK_WEIGHT = 4.0f;
+constexpr float COH_WEIGHT = 4.0f;
 
 uint32_t lcg(uint32_t &r)
 {
@@ -26,8 +31,43 @@ uint32_t lcg(uint32_t &r)
 float uniform(uint32_t &r) { return float(int32_t(lcg(r))) * (1.0f / 2147483648.0f); }
 } // namespace
 
-supp_frame supp_analyse(const eaec_params *p, eaec_chan *c, const float *e_re, const float *e_im,
-                        const float *y_re, const float *y_im, int far_active, float *pe) noexcept
+// Cross spectra of the far end at lags 0..EAEC_LAGS-1 frames with the
+// error; the lag whose coherent part is largest names the residual echo.
+static void coherence(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *e_re,
+                      const float *e_im, int far_active) noexcept
+{
+    const int nb = p->nbin;
+    if (!far_active) {
+        for (int k = 0; k < nb; k++)
+            c->coh_echo[k] = 0.0f;
+        return;
+    }
+    float best = -1.0f;
+    int best_lag = 0;
+    for (int lag = 0; lag < EAEC_LAGS; lag++) {
+        const int slot = (s->xs_head - lag + EAEC_LAGS) % EAEC_LAGS;
+        const float *xr = s->xs_re[slot], *xi = s->xs_im[slot];
+        float *sxx = c->sxx[lag], *cr = c->sxe_re[lag], *ci = c->sxe_im[lag];
+        float score = 0.0f;
+        for (int k = 0; k < nb; k++) {
+            sxx[k] += COH_RATE * (xr[k] * xr[k] + xi[k] * xi[k] - sxx[k]);
+            cr[k] += COH_RATE * (xr[k] * e_re[k] + xi[k] * e_im[k] - cr[k]);
+            ci[k] += COH_RATE * (xr[k] * e_im[k] - xi[k] * e_re[k] - ci[k]);
+            score += (cr[k] * cr[k] + ci[k] * ci[k]) / (sxx[k] + TINY);
+        }
+        if (score > best) {
+            best = score;
+            best_lag = lag;
+        }
+    }
+    const float *sxx = c->sxx[best_lag], *cr = c->sxe_re[best_lag], *ci = c->sxe_im[best_lag];
+    for (int k = 0; k < nb; k++)
+        c->coh_echo[k] = (cr[k] * cr[k] + ci[k] * ci[k]) / (sxx[k] + TINY);
+}
+
+supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *e_re,
+                        const float *e_im, const float *y_re, const float *y_im, int far_active,
+                        float *pe) noexcept
 {
     const int nb = p->nbin;
     supp_frame f{0.0f, 0.0f, 0.0f};
@@ -63,6 +103,7 @@ supp_frame supp_analyse(const eaec_params *p, eaec_chan *c, const float *e_re, c
             c->leak_valid = 1;
         }
     }
+    coherence(p, s, c, e_re, e_im, far_active);
     for (int k = 0; k < nb; k++) {
         const float v = c->s_ee[k];
         if (v < c->noise[k])
@@ -90,7 +131,8 @@ void supp_apply(const eaec_params *p, eaec_chan *c, float *e_re, float *e_im, co
     const int nb = p->nbin;
     const float fe = p->floor_echo, fn = p->floor_noise;
     for (int k = 0; k < nb; k++) {
-        const float echo = std::min(c->leak * c->s_yy[k], c->s_ee[k]);
+        const float echo =
+            std::min(std::max(LEAK_WEIGHT * c->leak * c->s_yy[k], COH_WEIGHT * c->coh_echo[k]), c->s_ee[k]);
         const float noise = c->noise[k];
         const float interf = echo + noise + TINY;
         const float post = pe[k] / interf;

@@ -1,7 +1,9 @@
 // Residual-echo and noise suppression of the echo canceller, on the
 // sqrt-Hann analysis spectra of the error (E) and of the echo estimate (Y).
 //
-// Residual echo is estimated as leak x |Y|^2, where leak is the regression
+// Residual echo is the larger of the error's part coherent with the far
+// end (found before the filter has converged and after a path change)
+// and leak x |Y|^2, where leak is the regression
 // of the error's power fluctuations on the echo estimate's (near-end
 // speech does not move with the far-end, so it barely enters); noise by
 // minimum tracking. The gain is a decision-directed Wiener gain whose
@@ -20,9 +22,12 @@ struct supp_frame {
 
 // [rt] Updates the smoothed powers, the leak regression (only while the
 // far end is active) and the noise estimate. pe receives |E|^2 per bin.
-supp_frame supp_analyse(const eaec_params *p, eaec_chan *c, const float *e_re, const float *e_im,
-                        const float *y_re, const float *y_im, int far_active, float *pe) noexcept;
-// [rt] Step size per bin of the adaptive filter into mu: the leak's share
+// The error's part coherent with the far end (analysis spectra in s, at
+// the best of EAEC_LAGS frame lags) goes to coh_echo.
+supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *e_re,
+                        const float *e_im, const float *y_re, const float *y_im, int far_active,
+                        float *pe) noexcept;
+// [rt] Step size per bin of the background filter into mu: the leak's share
 // of the error power, so adaptation slows down in double talk and speeds
 // up after an echo-path change; mu_init until the leak is known.
 void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept;
