@@ -26,6 +26,35 @@ void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const float 
     }
 }
 
+void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *a_re, const float *a_im,
+                        const float *b_re, const float *b_im, float *ya_re, float *ya_im, float *yb_re,
+                        float *yb_im) noexcept
+{
+    const int kp = p->kpad, np = p->npart;
+    const float *xr_rows[EAEC_PART_MAX], *xi_rows[EAEC_PART_MAX];
+    for (int part = 0, slot = s->head; part < np; part++, slot = slot ? slot - 1 : np - 1) {
+        xr_rows[part] = s->x_re + slot * kp;
+        xi_rows[part] = s->x_im + slot * kp;
+    }
+    // Bins outermost: the four sums stay in registers across partitions.
+    for (int k = 0; k < kp; k += 4) {
+        v4 sar = v4_dup(0.0f), sai = sar, sbr = sar, sbi = sar;
+        for (int part = 0; part < np; part++) {
+            const int o = part * kp + k;
+            const v4 u = v4_load(xr_rows[part] + k), v = v4_load(xi_rows[part] + k);
+            const v4 war = v4_load(a_re + o), wai = v4_load(a_im + o), wbr = v4_load(b_re + o), wbi = v4_load(b_im + o);
+            sar = v4_add(sar, v4_mms(war, u, wai, v));
+            sai = v4_add(sai, v4_mma(war, v, wai, u));
+            sbr = v4_add(sbr, v4_mms(wbr, u, wbi, v));
+            sbi = v4_add(sbi, v4_mma(wbr, v, wbi, u));
+        }
+        v4_store(ya_re + k, sar);
+        v4_store(ya_im + k, sai);
+        v4_store(yb_re + k, sbr);
+        v4_store(yb_im + k, sbi);
+    }
+}
+
 int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *g_re,
                  const float *g_im) noexcept
 {

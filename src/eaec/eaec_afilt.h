@@ -8,6 +8,11 @@
 // partitions w (P rows of kpad).
 void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const float *w_re, const float *w_im,
                          float *y_re, float *y_im) noexcept;
+// [rt] Both filters' echo spectra in one pass over the far-end ring:
+// ya from partitions a, yb from partitions b.
+void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *a_re, const float *a_im,
+                        const float *b_re, const float *b_im, float *ya_re, float *ya_im, float *yb_re,
+                        float *yb_im) noexcept;
 // [rt] Copies all partitions from one filter to the other.
 void afilt_copy(const eaec_params *p, const float *from_re, const float *from_im, float *to_re,
                 float *to_im) noexcept;

@@ -42,22 +42,22 @@ static void radix4(int m, int s, const float *__restrict xr, const float *__rest
     const float *w3r = tw + 4 * m, *w3i = tw + 5 * m;
     const int qs = s * m;
     if (s == 1) {
-        for (int p = 0; p < m; p++) {
-            const float ar = xr[p], ai = xi[p], br = xr[p + m], bi = xi[p + m];
-            const float cr = xr[p + 2 * m], ci = xi[p + 2 * m], dr = xr[p + 3 * m], di = xi[p + 3 * m];
-            const float spr = ar + cr, spi = ai + ci, smr = ar - cr, smi = ai - ci;
-            const float tpr = br + dr, tpi = bi + di, tmr = br - dr, tmi = bi - di;
-            const float u1r = smr + tmi, u1i = smi - tmr;
-            const float u2r = spr - tpr, u2i = spi - tpi;
-            const float u3r = smr - tmi, u3i = smi + tmr;
-            yr[4 * p] = spr + tpr;
-            yi[4 * p] = spi + tpi;
-            yr[4 * p + 1] = w1r[p] * u1r - w1i[p] * u1i;
-            yi[4 * p + 1] = w1r[p] * u1i + w1i[p] * u1r;
-            yr[4 * p + 2] = w2r[p] * u2r - w2i[p] * u2i;
-            yi[4 * p + 2] = w2r[p] * u2i + w2i[p] * u2r;
-            yr[4 * p + 3] = w3r[p] * u3r - w3i[p] * u3i;
-            yi[4 * p + 3] = w3r[p] * u3i + w3i[p] * u3r;
+        // Four p at a time; the four outputs of each p are interleaved.
+        for (int p = 0; p < m; p += 4) {
+            const v4 a_r = v4_load(xr + p), a_i = v4_load(xi + p), b_r = v4_load(xr + p + m), b_i = v4_load(xi + p + m);
+            const v4 c_r = v4_load(xr + p + 2 * m), c_i = v4_load(xi + p + 2 * m);
+            const v4 d_r = v4_load(xr + p + 3 * m), d_i = v4_load(xi + p + 3 * m);
+            const v4 spr = v4_add(a_r, c_r), spi = v4_add(a_i, c_i), smr = v4_sub(a_r, c_r), smi = v4_sub(a_i, c_i);
+            const v4 tpr = v4_add(b_r, d_r), tpi = v4_add(b_i, d_i), tmr = v4_sub(b_r, d_r), tmi = v4_sub(b_i, d_i);
+            const v4 u1r = v4_add(smr, tmi), u1i = v4_sub(smi, tmr);
+            const v4 u2r = v4_sub(spr, tpr), u2i = v4_sub(spi, tpi);
+            const v4 u3r = v4_sub(smr, tmi), u3i = v4_add(smi, tmr);
+            const v4 c1r = v4_load(w1r + p), c1i = v4_load(w1i + p), c2r = v4_load(w2r + p), c2i = v4_load(w2i + p);
+            const v4 c3r = v4_load(w3r + p), c3i = v4_load(w3i + p);
+            v4_store_interleaved(yr + 4 * p, v4_add(spr, tpr), v4_mms(c1r, u1r, c1i, u1i), v4_mms(c2r, u2r, c2i, u2i),
+                                 v4_mms(c3r, u3r, c3i, u3i));
+            v4_store_interleaved(yi + 4 * p, v4_add(spi, tpi), v4_mma(c1r, u1i, c1i, u1r), v4_mma(c2r, u2i, c2i, u2r),
+                                 v4_mma(c3r, u3i, c3i, u3r));
         }
         return;
     }
@@ -106,12 +106,12 @@ static int cfft(const eaec_fft_plan *p, float *ar, float *ai, float *br, float *
         in_b ^= 1;
     }
     if (len == 2) {
-        for (int q = 0; q < s; q++) {
-            const float a_r = xr[q], a_i = xi[q], b_r = xr[q + s], b_i = xi[q + s];
-            yr[q] = a_r + b_r;
-            yi[q] = a_i + b_i;
-            yr[q + s] = a_r - b_r;
-            yi[q + s] = a_i - b_i;
+        for (int q = 0; q < s; q += 4) {
+            const v4 a_r = v4_load(xr + q), a_i = v4_load(xi + q), b_r = v4_load(xr + q + s), b_i = v4_load(xi + q + s);
+            v4_store(yr + q, v4_add(a_r, b_r));
+            v4_store(yi + q, v4_add(a_i, b_i));
+            v4_store(yr + q + s, v4_sub(a_r, b_r));
+            v4_store(yi + q + s, v4_sub(a_i, b_i));
         }
         in_b ^= 1;
     }
@@ -122,9 +122,11 @@ void eaec_rfft(const eaec_fft_plan *p, const float *x, float *re, float *im, flo
 {
     const int h = p->half;
     float *ar = work, *ai = work + h, *br = work + 2 * h, *bi = work + 3 * h;
-    for (int j = 0; j < h; j++) {
-        ar[j] = x[2 * j];
-        ai[j] = x[2 * j + 1];
+    for (int j = 0; j < h; j += 4) {
+        v4 ev, od;
+        v4_load_deinterleaved(x + 2 * j, &ev, &od);
+        v4_store(ar + j, ev);
+        v4_store(ai + j, od);
     }
     const int in_b = cfft(p, ar, ai, br, bi);
     const float *zr = in_b ? br : ar, *zi = in_b ? bi : ai;
@@ -132,7 +134,18 @@ void eaec_rfft(const eaec_fft_plan *p, const float *x, float *re, float *im, flo
     im[0] = 0.0f;
     re[h] = zr[0] - zi[0];
     im[h] = 0.0f;
-    for (int k = 1; k < h; k++) {
+    const v4 half = v4_dup(0.5f);
+    int k = 1;
+    for (; k + 3 < h; k += 4) {
+        const v4 a_r = v4_loadu(zr + k), a_i = v4_loadu(zi + k);
+        const v4 b_r = v4_rev(v4_loadu(zr + h - k - 3)), b_i = v4_sub(v4_dup(0.0f), v4_rev(v4_loadu(zi + h - k - 3)));
+        const v4 fer = v4_mul(half, v4_add(a_r, b_r)), fei = v4_mul(half, v4_add(a_i, b_i));
+        const v4 dr = v4_mul(half, v4_sub(a_r, b_r)), di = v4_mul(half, v4_sub(a_i, b_i));
+        const v4 cr = v4_loadu(p->rot_re + k), ci = v4_loadu(p->rot_im + k);
+        v4_storeu(re + k, v4_add(fer, v4_mma(cr, di, ci, dr)));
+        v4_storeu(im + k, v4_add(fei, v4_mms(ci, di, cr, dr)));
+    }
+    for (; k < h; k++) {
         const float a_r = zr[k], a_i = zi[k], b_r = zr[h - k], b_i = -zi[h - k];
         const float fer = 0.5f * (a_r + b_r), fei = 0.5f * (a_i + b_i);
         const float dr = 0.5f * (a_r - b_r), di = 0.5f * (a_i - b_i);
@@ -153,7 +166,19 @@ void eaec_irfft(const eaec_fft_plan *p, const float *re, const float *im, float 
         ar[0] = fe * sc;
         ai[0] = -fo * sc;
     }
-    for (int k = 1; k < h; k++) {
+    const v4 half = v4_dup(0.5f), vsc = v4_dup(sc), zero = v4_dup(0.0f);
+    int k = 1;
+    for (; k + 3 < h; k += 4) {
+        const v4 xr_ = v4_loadu(re + k), xi_ = v4_loadu(im + k);
+        const v4 yr_ = v4_rev(v4_loadu(re + h - k - 3)), yi_ = v4_sub(zero, v4_rev(v4_loadu(im + h - k - 3)));
+        const v4 fer = v4_mul(half, v4_add(xr_, yr_)), fei = v4_mul(half, v4_add(xi_, yi_));
+        const v4 dr = v4_mul(half, v4_sub(xr_, yr_)), di = v4_mul(half, v4_sub(xi_, yi_));
+        const v4 cr = v4_loadu(p->rot_re + k), ci = v4_loadu(p->rot_im + k);
+        const v4 forr = v4_mma(dr, cr, di, ci), foi = v4_mms(di, cr, dr, ci);
+        v4_storeu(ar + k, v4_mul(v4_sub(fer, foi), vsc));
+        v4_storeu(ai + k, v4_sub(zero, v4_mul(v4_add(fei, forr), vsc)));
+    }
+    for (; k < h; k++) {
         const float xr_ = re[k], xi_ = im[k], yr_ = re[h - k], yi_ = -im[h - k];
         const float fer = 0.5f * (xr_ + yr_), fei = 0.5f * (xi_ + yi_);
         const float dr = 0.5f * (xr_ - yr_), di = 0.5f * (xi_ - yi_);
@@ -164,8 +189,7 @@ void eaec_irfft(const eaec_fft_plan *p, const float *re, const float *im, float 
     }
     const int in_b = cfft(p, ar, ai, br, bi);
     const float *ur = in_b ? br : ar, *ui = in_b ? bi : ai;
-    for (int j = 0; j < h; j++) {
-        x[2 * j] = ur[j];
-        x[2 * j + 1] = -ui[j];
-    }
+    const v4 zero2 = v4_dup(0.0f);
+    for (int j = 0; j < h; j += 4)
+        v4_store_pairs(x + 2 * j, v4_load(ur + j), v4_sub(zero2, v4_load(ui + j)));
 }

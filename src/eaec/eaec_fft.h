@@ -13,10 +13,10 @@ struct eaec_fft_plan {
     int nstage4; // radix-4 stages; a radix-2 stage follows when half is not a power of 4
     // Per radix-4 stage of length len: w^p, w^2p, w^3p for p < len / 4,
     // stored as six arrays (re, im of each) one after the other.
-    float stage_tw[3 * EAEC_FFT_MAX];
+    alignas(16) float stage_tw[3 * EAEC_FFT_MAX];
     // exp(-2 pi i k / n), k = 0..n/2, for the real-to-complex split.
-    float rot_re[EAEC_BIN_MAX];
-    float rot_im[EAEC_BIN_MAX];
+    alignas(16) float rot_re[EAEC_BIN_MAX + 3];
+    alignas(16) float rot_im[EAEC_BIN_MAX + 3];
 };
 
 // [sup] Fills the tables for n real points (n = 256, 512 or 1024).

@@ -100,7 +100,7 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
     // filter adapts at full speed and may be thrown off by double talk; the
     // foreground filter makes the output and takes the background's
     // weights only while they do clearly better.
-    afilt_echo_spectrum(p, s, c->w_re, c->w_im, f.y_re, f.y_im);
+    afilt_echo_spectra(p, s, c->w_re, c->w_im, c->f_re, c->f_im, f.y_re, f.y_im, f.g_re, f.g_im);
     eaec_irfft(&p->fft, f.y_re, f.y_im, f.t0, f.work);
     float *eb = f.t3, *e = f.t1;
     float en_b = 0.0f, en_f = 0.0f, en_d = 0.0f;
@@ -110,8 +110,7 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
         en_b += eb[i] * eb[i];
         en_d += d * d;
     }
-    afilt_echo_spectrum(p, s, c->f_re, c->f_im, f.y_re, f.y_im);
-    eaec_irfft(&p->fft, f.y_re, f.y_im, f.t0, f.work);
+    eaec_irfft(&p->fft, f.g_re, f.g_im, f.t0, f.work); // the foreground's
     float *yhat = f.t0 + (m - n);
     for (int i = 0; i < n; i++) {
         e[i] = float(mic[i]) * PCM_IN - yhat[i];
