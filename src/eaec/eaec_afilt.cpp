@@ -59,20 +59,56 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
                  const float *g_im) noexcept
 {
     const int kp = p->kpad, np = p->npart;
-    float check = 0.0f;
+    float total = 0.0f;
     int slot = s->head;
     for (int part = 0; part < np; part++) {
         float *wr = c->w_re + part * kp, *wi = c->w_im + part * kp;
         const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
+        const v4 f = v4_dup(c->part_gain[part]);
+        v4 energy = v4_dup(0.0f);
         for (int k = 0; k < kp; k += 4) {
             const v4 u = v4_load(xr + k), v = v4_load(xi + k), gr = v4_load(g_re + k), gi = v4_load(g_im + k);
-            v4_store(wr + k, v4_add(v4_load(wr + k), v4_mma(u, gr, v, gi)));
-            v4_store(wi + k, v4_add(v4_load(wi + k), v4_mms(u, gi, v, gr)));
+            const v4 nr = v4_add(v4_load(wr + k), v4_mul(f, v4_mma(u, gr, v, gi)));
+            const v4 ni = v4_add(v4_load(wi + k), v4_mul(f, v4_mms(u, gi, v, gr)));
+            v4_store(wr + k, nr);
+            v4_store(wi + k, ni);
+            energy = v4_add(energy, v4_mma(nr, nr, ni, ni));
         }
-        check += wr[1] + wi[kp / 2]; // a NaN or overflow spreads to every bin within a frame
+        float lanes[4];
+        v4_storeu(lanes, energy);
+        c->part_norm[part] = std::sqrt((lanes[0] + lanes[1]) + (lanes[2] + lanes[3]));
+        total += c->part_norm[part];
         slot = slot ? slot - 1 : np - 1;
     }
-    return std::isfinite(check) ? 0 : -1;
+    return std::isfinite(total) ? 0 : -1;
+}
+
+void afilt_part_gains(const eaec_params *p, eaec_chan *c, float share) noexcept
+{
+    const int np = p->npart;
+    float total = 0.0f;
+    for (int part = 0; part < np; part++)
+        total += c->part_norm[part];
+    // Half even (or all of it, before the filter holds anything), half in
+    // proportion to each partition's share of the filter: the early,
+    // strong part of a room response converges first.
+    const float even = total > 0.0f ? (1.0f - share) / float(np) : 1.0f / float(np);
+    const float prop = total > 0.0f ? share / total : 0.0f;
+    for (int part = 0; part < np; part++)
+        c->part_gain[part] = even + prop * c->part_norm[part];
+}
+
+void afilt_weighted_norm(const eaec_params *p, const eaec_state *s, const eaec_chan *c, float *norm) noexcept
+{
+    const int kp = p->kpad, np = p->npart;
+    for (int k = 0; k < kp; k += 4)
+        v4_store(norm + k, v4_dup(0.0f));
+    for (int part = 0, slot = s->head; part < np; part++, slot = slot ? slot - 1 : np - 1) {
+        const float *xp = s->x_pow + slot * kp;
+        const v4 g = v4_dup(c->part_gain[part]);
+        for (int k = 0; k < kp; k += 4)
+            v4_store(norm + k, v4_add(v4_load(norm + k), v4_mul(g, v4_load(xp + k))));
+    }
 }
 
 void afilt_copy(const eaec_params *p, const float *from_re, const float *from_im, float *to_re,

@@ -16,11 +16,18 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *
 // [rt] Copies all partitions from one filter to the other.
 void afilt_copy(const eaec_params *p, const float *from_re, const float *from_im, float *to_re,
                 float *to_im) noexcept;
-// [rt] W_p += conj(X_(head - p)) G for every partition, where G is the
-// step-scaled, normalised error spectrum. Returns -1 when the filter is
-// no longer finite (the caller resets it).
+// [rt] W_p += f_p conj(X_(head - p)) G for every background partition,
+// where G is the step-scaled, normalised error spectrum and f_p the
+// partition's gain (part_gain). Refreshes part_norm. Returns -1 when the
+// filter is no longer finite (the caller resets it).
 int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *g_re,
                  const float *g_im) noexcept;
+// [rt] Partition gains from the background's partition norms: a fraction
+// `share` in proportion to the norms, the rest even; they sum to 1.
+void afilt_part_gains(const eaec_params *p, eaec_chan *c, float share) noexcept;
+// [rt] norm[k] = sum_p f_p |X_(head - p)|^2: the normaliser that goes with
+// the partition gains.
+void afilt_weighted_norm(const eaec_params *p, const eaec_state *s, const eaec_chan *c, float *norm) noexcept;
 // [rt] Cuts partition c->part_next back to N taps (the gradient leaves it
 // circular) and moves on to the next one. taps: M floats; fft_work:
 // EAEC_FFT_WORK floats.

@@ -25,7 +25,7 @@
 inline constexpr int EAEC_HOP_MAX = 512;
 inline constexpr int EAEC_KPAD_MAX = (EAEC_BIN_MAX + 3) & ~3; // 516
 inline constexpr int EAEC_CHAN_MAX = 2;
-inline constexpr int EAEC_TAIL_MS = 260;  // echo tail covered after the bulk delay
+inline constexpr int EAEC_TAIL_MS = 220;  // echo tail covered after the bulk delay
 inline constexpr int EAEC_PART_MAX = 64;
 inline constexpr int EAEC_LAGS = 3; // far-end analysis spectra kept for the coherence
 
@@ -54,6 +54,8 @@ struct eaec_chan {
     float *f_re, *f_im;                // foreground filter (makes the output)
     float err_bg, err_fg, err_mic;     // smoothed error energies of the two, and the mic's
     uint32_t copies;                   // background -> foreground copies
+    float part_norm[EAEC_PART_MAX];    // |W_p| of the background
+    float part_gain[EAEC_PART_MAX];    // step share of each partition (sum 1)
     float e_hist[EAEC_HOP_MAX];        // previous frame's error and echo
     float y_hist[EAEC_HOP_MAX];        //   estimate (first window half)
     float ola[EAEC_HOP_MAX];           // synthesis overlap
@@ -76,7 +78,6 @@ struct eaec_state {
     uint32_t frames;
     int head;                         // ring slot of the newest far-end spectrum
     float *x_re, *x_im, *x_pow;       // P rows of kpad: far-end spectra and powers
-    float x_norm[EAEC_KPAD_MAX];      // sum over the ring of x_pow
     float x_hist[EAEC_FFT_MAX];       // last M far-end samples
     float xs_re[EAEC_LAGS][EAEC_KPAD_MAX]; // far-end analysis spectra, ring
     float xs_im[EAEC_LAGS][EAEC_KPAD_MAX];

@@ -16,7 +16,8 @@ constexpr float PCM_OUT = 32768.0f;
 constexpr float TWO_PATH_RATE = 0.3f;   // error energy smoothing per frame
 constexpr float TWO_PATH_BETTER = 0.7f; // background 1.5 dB better: copy it
 constexpr float TWO_PATH_WORSE = 8.0f;  // background 9 dB worse: reset it
-constexpr int CONSTRAIN_PER_FRAME = 2;  // partitions cut back to N taps per frame
+constexpr int CONSTRAIN_PER_FRAME = 1;  // partitions cut back to N taps per frame
+constexpr float PROPORTIONATE_SHARE = 0.5f; // of the step, by partition norm
 
 // The process-wide scratch area: one frame at a time borrows it (the
 // real-time cycle is the only caller), so no frame allocates.
@@ -151,8 +152,14 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
         eaec_rfft(&p->fft, f.t2, f.g_re, f.g_im, f.work);
         // Bins whose far end lies below the microphone noise carry mostly
         // noise into the gradient: their steps shrink.
+        afilt_part_gains(p, c, PROPORTIONATE_SHARE);
+        float *norm = f.ys_re; // free again: the echo estimate's analysis has been used
+        afilt_weighted_norm(p, s, c, norm);
+        // The regularisation was set for the plain sum over P partitions;
+        // the weighted norm is a mean (the gains sum to 1).
+        const float inv_p = 1.0f / float(p->npart);
         for (int k = 0; k < nb; k++) {
-            const float g = f.mu[k] / (s->x_norm[k] + p->reg + p->reg_noise * c->noise[k]);
+            const float g = f.mu[k] / (norm[k] + inv_p * (p->reg + p->reg_noise * c->noise[k]));
             f.g_re[k] *= g;
             f.g_im[k] *= g;
         }
@@ -253,7 +260,6 @@ void eaec_reset_state(const eaec_params *p, eaec_state *s)
 {
     s->frames = 0;
     s->head = 0;
-    std::memset(s->x_norm, 0, sizeof s->x_norm);
     std::memset(s->x_hist, 0, sizeof s->x_hist);
     const size_t row = sizeof(float) * size_t(p->npart * p->kpad);
     std::memset(s->x_re, 0, row);
@@ -289,21 +295,8 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
     s->head = s->head + 1 < p->npart ? s->head + 1 : 0;
     float *xr = s->x_re + s->head * kp, *xi = s->x_im + s->head * kp, *xp = s->x_pow + s->head * kp;
     eaec_rfft(&p->fft, s->x_hist, xr, xi, f.work);
-    for (int k = 0; k < nb; k++) {
-        const float pw = xr[k] * xr[k] + xi[k] * xi[k];
-        s->x_norm[k] += pw - xp[k];
-        xp[k] = pw;
-    }
-    if (s->frames % uint32_t(p->npart) == 0) {
-        // The running sum drifts by rounding: rebuild it once per ring turn.
-        for (int k = 0; k < kp; k++)
-            s->x_norm[k] = 0.0f;
-        for (int part = 0; part < p->npart; part++)
-            for (int k = 0; k < kp; k++)
-                s->x_norm[k] += s->x_pow[part * kp + k];
-    }
     for (int k = 0; k < nb; k++)
-        s->x_norm[k] = std::max(s->x_norm[k], 0.0f);
+        xp[k] = xr[k] * xr[k] + xi[k] * xi[k];
 
     // The far end's analysis spectrum, for the coherence of the suppressor.
     s->xs_head = s->xs_head + 1 < EAEC_LAGS ? s->xs_head + 1 : 0;

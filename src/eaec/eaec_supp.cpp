@@ -11,7 +11,7 @@ constexpr float LEAK_RATE = 0.10f;    // regression update, scaled down in doubl
 constexpr float LEAK_MIN = 1e-4f, LEAK_MAX = 16.0f;
 constexpr float NOISE_RISE = 1.0046f; // +2 dB/s at 100 frames/s
 constexpr float NOISE_FALL = 0.5f;    // towards a new minimum
-constexpr float DD_MEMORY = 0.92f;    // decision-directed a priori SNR
+constexpr float DD_MEMORY = 0.96f;    // decision-directed a priori SNR
 // The leak share of the error is a cautious estimate of the misadjustment
 // (it is a regression over all bins): scaled up, it still falls by orders
 // of magnitude in double talk, which is what protects the filter.
