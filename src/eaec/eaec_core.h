@@ -27,7 +27,7 @@ inline constexpr int EAEC_KPAD_MAX = (EAEC_BIN_MAX + 3) & ~3; // 516
 inline constexpr int EAEC_CHAN_MAX = 2;
 inline constexpr int EAEC_TAIL_MS = 220;  // echo tail covered after the bulk delay
 inline constexpr int EAEC_PART_MAX = 64;
-inline constexpr int EAEC_LAGS = 3; // far-end analysis spectra kept for the coherence
+inline constexpr int EAEC_LAGS = 3; // frame lags tried by the coherence
 
 struct eaec_params {
     int sfreq, nspk, nmic;
@@ -59,15 +59,15 @@ struct eaec_chan {
     float e_hist[EAEC_HOP_MAX];        // previous frame's error and echo
     float y_hist[EAEC_HOP_MAX];        //   estimate (first window half)
     float ola[EAEC_HOP_MAX];           // synthesis overlap
-    float s_ee[EAEC_KPAD_MAX], s_yy[EAEC_KPAD_MAX]; // smoothed powers
-    float m_e[EAEC_KPAD_MAX], m_y[EAEC_KPAD_MAX];   // slow means for the leak
-    float r_ey[EAEC_KPAD_MAX], r_yy[EAEC_KPAD_MAX]; // leak regression
-    float noise[EAEC_KPAD_MAX];        // noise power estimate
-    float sxx[EAEC_LAGS][EAEC_KPAD_MAX];    // far-end power, per lag in frames
-    float sxe_re[EAEC_LAGS][EAEC_KPAD_MAX]; // far-end/error cross spectrum
-    float sxe_im[EAEC_LAGS][EAEC_KPAD_MAX];
-    float coh_echo[EAEC_KPAD_MAX];     // error power coherent with the far end
-    float snr_prev[EAEC_KPAD_MAX];     // decision-directed memory
+    alignas(16) float s_ee[EAEC_KPAD_MAX], s_yy[EAEC_KPAD_MAX]; // smoothed powers
+    alignas(16) float m_e[EAEC_KPAD_MAX], m_y[EAEC_KPAD_MAX];   // slow means for the leak
+    alignas(16) float r_ey[EAEC_KPAD_MAX], r_yy[EAEC_KPAD_MAX]; // leak regression
+    alignas(16) float noise[EAEC_KPAD_MAX];        // noise power estimate
+    alignas(16) float sxx[EAEC_LAGS][EAEC_KPAD_MAX];    // far-end power, per lag in frames
+    alignas(16) float sxe_re[EAEC_LAGS][EAEC_KPAD_MAX]; // far-end/error cross spectrum
+    alignas(16) float sxe_im[EAEC_LAGS][EAEC_KPAD_MAX];
+    alignas(16) float coh_echo[EAEC_KPAD_MAX];     // error power coherent with the far end
+    alignas(16) float snr_prev[EAEC_KPAD_MAX];     // decision-directed memory
     float leak;                        // residual echo / echo estimate power
     int leak_valid;
     int part_next;                     // next partition to constrain
@@ -79,9 +79,6 @@ struct eaec_state {
     int head;                         // ring slot of the newest far-end spectrum
     float *x_re, *x_im, *x_pow;       // P rows of kpad: far-end spectra and powers
     float x_hist[EAEC_FFT_MAX];       // last M far-end samples
-    float xs_re[EAEC_LAGS][EAEC_KPAD_MAX]; // far-end analysis spectra, ring
-    float xs_im[EAEC_LAGS][EAEC_KPAD_MAX];
-    int xs_head;
     eaec_chan *chan[EAEC_CHAN_MAX];
 };
 

@@ -298,9 +298,6 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
     for (int k = 0; k < nb; k++)
         xp[k] = xr[k] * xr[k] + xi[k] * xi[k];
 
-    // The far end's analysis spectrum, for the coherence of the suppressor.
-    s->xs_head = s->xs_head + 1 < EAEC_LAGS ? s->xs_head + 1 : 0;
-    analyse(p, s->x_hist + (m - 2 * n), xn, f.t2, s->xs_re[s->xs_head], s->xs_im[s->xs_head], f.work);
 
     for (int ch = 0; ch < p->nmic; ch++)
         process_channel(p, s, s->chan[ch], mic + ch * n, out + ch * n, far_active, f);

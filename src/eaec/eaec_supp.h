@@ -22,8 +22,8 @@ struct supp_frame {
 
 // [rt] Updates the smoothed powers, the leak regression (only while the
 // far end is active) and the noise estimate. pe receives |E|^2 per bin.
-// The error's part coherent with the far end (analysis spectra in s, at
-// the best of EAEC_LAGS frame lags) goes to coh_echo.
+// The error's part coherent with the far end (the newest far-end spectra
+// of the ring, at the best of EAEC_LAGS frame lags) goes to coh_echo.
 supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *e_re,
                         const float *e_im, const float *y_re, const float *y_im, int far_active,
                         float *pe) noexcept;
@@ -31,5 +31,7 @@ supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c,
 // of the error power, so adaptation slows down in double talk and speeds
 // up after an echo-path change; mu_init until the leak is known.
 void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept;
-// [rt] Applies the suppression gain and comfort noise to E in place.
-void supp_apply(const eaec_params *p, eaec_chan *c, float *e_re, float *e_im, const float *pe) noexcept;
+// [rt] Applies the suppression gain and comfort noise to E in place; pe
+// is used up (it holds the comfort noise power afterwards). Every per-bin
+// array is kpad long and 16-byte aligned.
+void supp_apply(const eaec_params *p, eaec_chan *c, float *e_re, float *e_im, float *pe) noexcept;

@@ -77,6 +77,49 @@ inline void v4_store_pairs(float *dst, v4 even, v4 odd) noexcept
     v4_storeu(dst + 4, __builtin_shuffle(even, odd, v4i{2, 6, 3, 7}));
 }
 #endif
+#if defined(__ARM_NEON)
+inline v4 v4_min(v4 a, v4 b) noexcept { return vminq_f32(a, b); }
+inline v4 v4_max(v4 a, v4 b) noexcept { return vmaxq_f32(a, b); }
+// a < b ? x : y, lane by lane.
+inline v4 v4_select_lt(v4 a, v4 b, v4 x, v4 y) noexcept { return vbslq_f32(vcltq_f32(a, b), x, y); }
+// a / b for b > 0: reciprocal estimate and two Newton steps (ARMv7 has no
+// vector division).
+inline v4 v4_div(v4 a, v4 b) noexcept
+{
+    v4 r = vrecpeq_f32(b);
+    r = vmulq_f32(vrecpsq_f32(b, r), r);
+    r = vmulq_f32(vrecpsq_f32(b, r), r);
+    return vmulq_f32(a, r);
+}
+// sqrt(x) for x > 0, from the reciprocal square root and two Newton steps.
+inline v4 v4_sqrt(v4 x) noexcept
+{
+    v4 r = vrsqrteq_f32(x);
+    r = vmulq_f32(r, vrsqrtsq_f32(vmulq_f32(x, r), r));
+    r = vmulq_f32(r, vrsqrtsq_f32(vmulq_f32(x, r), r));
+    return vmulq_f32(x, r);
+}
+#else
+inline v4 v4_min(v4 a, v4 b) noexcept { return a < b ? a : b; }
+inline v4 v4_max(v4 a, v4 b) noexcept { return a > b ? a : b; }
+inline v4 v4_select_lt(v4 a, v4 b, v4 x, v4 y) noexcept { return a < b ? x : y; }
+inline v4 v4_div(v4 a, v4 b) noexcept { return a / b; }
+inline v4 v4_sqrt(v4 x) noexcept
+{
+#if defined(__SSE__)
+    return __builtin_ia32_sqrtps(x);
+#else
+    return v4{__builtin_sqrtf(x[0]), __builtin_sqrtf(x[1]), __builtin_sqrtf(x[2]), __builtin_sqrtf(x[3])};
+#endif
+}
+#endif
+// Sum of the four lanes, in a fixed order.
+inline float v4_hsum(v4 v) noexcept
+{
+    float l[4];
+    v4_storeu(l, v);
+    return (l[0] + l[1]) + (l[2] + l[3]);
+}
 // a * b - c * d and a * b + c * d, the two halves of a complex product.
 inline v4 v4_mms(v4 a, v4 b, v4 c, v4 d) noexcept { return v4_sub(v4_mul(a, b), v4_mul(c, d)); }
 inline v4 v4_mma(v4 a, v4 b, v4 c, v4 d) noexcept { return v4_add(v4_mul(a, b), v4_mul(c, d)); }
