@@ -25,7 +25,7 @@
 inline constexpr int EAEC_HOP_MAX = 512;
 inline constexpr int EAEC_KPAD_MAX = (EAEC_BIN_MAX + 3) & ~3; // 516
 inline constexpr int EAEC_CHAN_MAX = 2;
-inline constexpr int EAEC_TAIL_MS = 220;  // echo tail covered after the bulk delay
+inline constexpr int EAEC_TAIL_MS = 200;  // echo tail covered after the bulk delay
 inline constexpr int EAEC_PART_MAX = 64;
 inline constexpr int EAEC_LAGS = 3; // frame lags tried by the coherence
 
@@ -53,7 +53,6 @@ struct eaec_chan {
     float *w_re, *w_im;                // P rows of kpad: background filter (adapts)
     float *f_re, *f_im;                // foreground filter (makes the output)
     float err_bg, err_fg, err_mic;     // smoothed error energies of the two, and the mic's
-    uint32_t copies;                   // background -> foreground copies
     float part_norm[EAEC_PART_MAX];    // |W_p| of the background
     float part_gain[EAEC_PART_MAX];    // step share of each partition (sum 1)
     float e_hist[EAEC_HOP_MAX];        // previous frame's error and echo

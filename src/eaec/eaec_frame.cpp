@@ -124,7 +124,6 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
         if (c->err_bg < TWO_PATH_BETTER * c->err_fg && en_b < en_f) {
             afilt_copy(p, c->w_re, c->w_im, c->f_re, c->f_im);
             c->err_fg = c->err_bg;
-            c->copies++;
             for (int i = 0; i < n; i++) {
                 yhat[i] += e[i] - eb[i];
                 e[i] = eb[i];

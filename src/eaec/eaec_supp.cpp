@@ -82,20 +82,18 @@ supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c,
 {
     const int kp = p->kpad;
     const v4 smooth = v4_dup(POW_SMOOTH);
-    v4 se = v4_dup(0.0f), sy = se, sd = se;
+    v4 se = v4_dup(0.0f), sy = se;
     for (int k = 0; k < kp; k += 4) {
         const v4 er = v4_load(e_re + k), ei = v4_load(e_im + k), yr = v4_load(y_re + k), yi = v4_load(y_im + k);
         const v4 e2 = v4_mma(er, er, ei, ei), y2 = v4_mma(yr, yr, yi, yi);
-        const v4 dr = v4_add(er, yr), di = v4_add(ei, yi);
         v4_store(pe + k, e2);
         se = v4_add(se, e2);
         sy = v4_add(sy, y2);
-        sd = v4_add(sd, v4_mma(dr, dr, di, di));
         const v4 a = v4_load(c->s_ee + k), b = v4_load(c->s_yy + k);
         v4_store(c->s_ee + k, v4_add(a, v4_mul(smooth, v4_sub(e2, a))));
         v4_store(c->s_yy + k, v4_add(b, v4_mul(smooth, v4_sub(y2, b))));
     }
-    const supp_frame f{v4_hsum(se), v4_hsum(sy), v4_hsum(sd)};
+    const supp_frame f{v4_hsum(se), v4_hsum(sy)};
     if (far_active && f.sum_y > 0.0f) {
         // Near-end speech raises the error against the echo estimate: the
         // regression then learns more slowly.

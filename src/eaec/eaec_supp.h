@@ -13,11 +13,10 @@
 #pragma once
 #include "eaec/eaec_core.h"
 
-// Frame sums the step control and the divergence guard need.
+// Frame sums the leak regression needs.
 struct supp_frame {
     float sum_e;  // sum |E|^2
     float sum_y;  // sum |Y|^2
-    float sum_d;  // sum |E + Y|^2 (the microphone)
 };
 
 // [rt] Updates the smoothed powers, the leak regression (only while the
