@@ -14,19 +14,36 @@ ARMHF_DEPS = g++-arm-linux-gnueabihf qemu-user libopus-dev:armhf libasound2-dev:
 
 all: build
 
-deps:
-	@missing=""; for p in $(DEPS); do dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; done; \
+# Installs what is missing of the packages $(1). A package counts as
+# installed in the native architecture (once armhf is added, a plain name
+# can be ambiguous); a failing index (such as a foreign architecture's) does
+# not stop the install.
+define install_missing
+	@arch=$$(dpkg --print-architecture); missing=""; for p in $(1); do \
+	  dpkg -s $$p >/dev/null 2>&1 || dpkg -s $$p:$$arch >/dev/null 2>&1 || missing="$$missing $$p"; \
+	done; \
 	if [ -n "$$missing" ]; then \
 	  echo "installing:$$missing"; \
-	  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
+	  apt-get update -qq || true; \
+	  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
 	fi
+endef
+
+deps:
+	$(call install_missing,$(DEPS))
 
 build: deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	cmake --build $(BUILD) -j $(JOBS)
 
+# A test tone goes to the example's unicast crosspoint, so the report
+# (/tmp/pelod.stat) shows a level on that flow and on the "spk" mix.
 run: build
-	./$(BUILD)/pelod -p - -f examples/pelod.conf
+	@./$(BUILD)/pelod -p - -f examples/pelod.conf & pelod=$$!; \
+	(sleep 1; exec ./$(BUILD)/pelod-tone -q -f 440 -l -12 127.0.0.1:5004) & tone=$$!; \
+	trap 'kill $$pelod $$tone 2>/dev/null' INT TERM; \
+	echo "pelod-tone: 440 Hz at -12 dBFS to 127.0.0.1:5004; report: /tmp/pelod.stat (watch -n1 cat /tmp/pelod.stat)"; \
+	wait $$pelod; kill $$tone 2>/dev/null; wait
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
@@ -40,12 +57,7 @@ package: build
 # The target board: armhf cross-build; its tests run under qemu-arm.
 armhf-deps:
 	@dpkg --print-foreign-architectures | grep -qx armhf || dpkg --add-architecture armhf
-	@missing=""; for p in $(ARMHF_DEPS); do dpkg -s $$p >/dev/null 2>&1 || missing="$$missing $$p"; done; \
-	if [ -n "$$missing" ]; then \
-	  echo "installing:$$missing"; \
-	  apt-get update -qq || true; \
-	  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing; \
-	fi
+	$(call install_missing,$(ARMHF_DEPS))
 
 armhf: armhf-deps
 	cmake -S . -B $(ARMHF_BUILD) -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake \

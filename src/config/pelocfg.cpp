@@ -290,6 +290,17 @@ void pelocfg_limcom(limcom_params *lcp, const char *s)
     }
 }
 
+// An enabled limiter runs with the values as given; without a threshold,
+// attack or release its output is not a number, which the cycle turns into
+// silence. Say so, since "lce=1" alone looks like it should just work.
+static void limcom_warn(const limcom_params &lcp, const char *tag)
+{
+    if (lcp.enable && (lcp.threshold == 0.0 || lcp.attack == 0.0 || lcp.release == 0.0))
+        printf("'%s' lce warning: limiter enabled without T=, a= and r= (all non-zero); "
+               "its output is silent.\n",
+               tag);
+}
+
 int pelocfg_load_glb(const char *cmd)
 {
     if (srcs_used >= SRCS_MAX || !cmd)
@@ -315,8 +326,10 @@ int pelocfg_load_xpt(const char *cmd)
     if (copy_tag(gain, cmd, "gain"))
         x.gain_dB = strtof(gain, nullptr);
     copy_tag(x.eaec_mix, cmd, "ecs");
-    if (copy_tag(lce, cmd, "lce"))
+    if (copy_tag(lce, cmd, "lce")) {
         pelocfg_limcom(&x.limcom_params, lce);
+        limcom_warn(x.limcom_params, cmd);
+    }
     if (copy_tag(vox, cmd, "vox"))
         pelocfg_vox(&x.vox, vox);
     x.pdly = int(vtr_getl(cmd, "pdly", strncmp(x.src, "alsa:", 5) == 0 ? 48 : 0));
@@ -371,8 +384,10 @@ int pelocfg_load_src(const char *cmd)
                 break;
         }
     }
-    if (copy_tag(lce, cmd, "lce"))
+    if (copy_tag(lce, cmd, "lce")) {
         pelocfg_limcom(&p.limcom_params, lce);
+        limcom_warn(p.limcom_params, cmd);
+    }
 
     if (strncmp(p.rtpa, "alsa:", 5) == 0) {
         p.ep.sa_dst.sin_family = alsa_src_family;

@@ -1,14 +1,350 @@
 #include "rtp/rtp_recv.h"
 
-const vantrel_rtpmap_entry rtpmap[23] = {};
+#include "daemon/mix.h"
+#include "daemon/pelod.h"
+#include "daemon/shared.h"
+#include "routing/xpt.h"
 
-const char *payload_format_str(int) noexcept { return "???"; }
-const vantrel_rtpmap_entry *vantrel_rtpmap_default_get(int, int) noexcept { return &rtpmap[0]; }
-int pdly_auto(int ptime_samples) noexcept { return ptime_samples <= 48 ? 144 : 1440; }
-void rtp_sk_recvm(rtp_sk *, uint32_t) noexcept {}
-void rtp_ep_recv_packet(rtp_ep *, const uint8_t *, int, uint32_t) noexcept {}
-void rtp_ep_backoff_check(rtp_ep *, uint32_t, const uint8_t *, int) noexcept {}
-void mix_inp_S16_n(const uint8_t *, int, uint32_t, int, int, int) noexcept {}
-void mix_inp_S24_n(const uint8_t *, int, uint32_t, int, int, int) noexcept {}
-void mix_inp_S24_2_downmix(const uint8_t *, int, uint32_t, int) noexcept {}
-void mix_inp_opus(const uint8_t *, int, uint32_t, rtp_dst *) noexcept {}
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <opus.h>
+#include <sys/socket.h>
+#include <type_traits>
+
+static_assert(std::is_standard_layout_v<rtp_fmt> && std::is_trivially_copyable_v<rtp_fmt>);
+static_assert(std::is_standard_layout_v<vantrel_rtpmap_entry>);
+
+const vantrel_rtpmap_entry rtpmap[RTPMAP_SIZE] = {
+    {2, 24}, {2, 24}, {2, 24}, {8, 24}, {2, 24}, {1, 24}, {2, 24}, {3, 24}, // 96..103
+    {4, 24}, {5, 24}, {6, 24}, {7, 24}, {8, 24}, {2, 24}, {2, 24},          // 104..110
+    {1, 16}, {2, 16}, {3, 16}, {4, 16}, {5, 16}, {6, 16}, {7, 16}, {8, 16}, // 111..118
+};
+static constexpr int RTPMAP_MONO_L24 = 101 - RTPMAP_PT_FIRST;
+static constexpr int RTP_MONO_L24_1MS_BYTES = 144;
+
+const char *payload_format_str(int payload_format) noexcept
+{
+    switch (payload_format) {
+    case RTP_FMT_PCM: return "L24";
+    case RTP_FMT_OPUS: return "Opus";
+    case RTP_FMT_NDI: return "NDI";
+    default: return "???";
+    }
+}
+
+const vantrel_rtpmap_entry *vantrel_rtpmap_default_get(int rtp_payload_bytes, int pt) noexcept
+{
+    if (rtp_payload_bytes == RTP_MONO_L24_1MS_BYTES)
+        return &rtpmap[RTPMAP_MONO_L24];
+    if (unsigned(pt - RTPMAP_PT_FIRST) < unsigned(RTPMAP_SIZE))
+        return &rtpmap[pt - RTPMAP_PT_FIRST];
+    return &rtpmap[0];
+}
+
+int pdly_auto(int ptime_samples) noexcept { return ptime_samples <= MIX_BLOCK ? 144 : 1440; }
+
+namespace {
+
+uint16_t be16(const uint8_t *p) noexcept { return uint16_t(p[0] << 8 | p[1]); }
+uint32_t be32(const uint8_t *p) noexcept
+{
+    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+}
+int32_t s24(const uint8_t *p) noexcept
+{
+    return int32_t(uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8) >> 8;
+}
+
+// The trailing partial frame is still played; what lies past the datagram
+// reads as zero instead of whatever the buffer held.
+struct tail_frame {
+    std::array<uint8_t, 6> b{};
+    tail_frame(const uint8_t *x, int bytes, int off, int n) noexcept
+    {
+        for (int j = 0; j < n && off + j < bytes; j++)
+            b[j] = x[off + j];
+    }
+};
+
+float s24_norm(const uint8_t *p) noexcept { return float(s24(p)) * int24_to_float; }
+// The 16-bit path deliberately uses the second byte as the high byte.
+float s16_norm(const uint8_t *p) noexcept { return float(int32_t(int8_t(p[1])) * 256) * int16_to_float; }
+float downmix(float l, float r) noexcept { return float(double(l + r) * RTP_DOWNMIX_GAIN); }
+// The two 24-bit samples are summed as floats and scaled before the -3 dB.
+float downmix24(const uint8_t *p) noexcept
+{
+    return float(double((float(s24(p)) + float(s24(p + 3))) * int24_to_float) * RTP_DOWNMIX_GAIN);
+}
+
+template <int SampleBytes, float (*norm)(const uint8_t *)>
+void mix_inp_pcm(const uint8_t *x, int bytes, uint32_t rtp_ts, int ichan, int num_chan, int c) noexcept
+{
+    if (num_chan < 1 || c < 0 || c >= num_chan)
+        return;
+    const int stride = SampleBytes * num_chan;
+    const int at = SampleBytes * c;
+    int off = 0;
+    for (; off + stride <= bytes; off += stride)
+        *mix_slot(rtp_ts++, ichan) = norm(x + off + at);
+    if (off < bytes)
+        *mix_slot(rtp_ts, ichan) = norm(tail_frame(x, bytes, off + at, SampleBytes).b.data());
+}
+
+// Sequence tracking. Returns the timestamp step that places this datagram,
+// 0 when it only teaches sequence and timestamp or is discarded.
+int32_t rtp_seq_track(rtp_ep *ep, bool marker, uint16_t seq, uint32_t ts) noexcept
+{
+    int32_t step;
+    ep->rx_count++;
+    if (marker) {
+        ep->run = 0;
+        ep->ptime_samples = 0;
+        ep->rtp_run = 1;
+        ep->rx_srst++;
+        step = 0;
+    } else if (!ep->rtp_run) {
+        ep->rtp_run = 1;
+        ep->rx_srst++;
+        step = ep->ptime_samples;
+    } else {
+        const uint16_t d = uint16_t(seq - ep->rtp_seq0 - 1);
+        if (d == 0) {
+            step = int32_t(ts - ep->rtp_ts0);
+            ep->rx_good++;
+            ep->ptime_samples = step;
+        } else if (d < 65024) {
+            ep->rx_seqe++;
+            ep->rx_drop += d;
+            step = ep->ptime_samples;
+        } else { // a repeat or one of the 511 before it: the last accepted one stays
+            ep->rx_seqe++;
+            ep->rx_dupl++;
+            return 0;
+        }
+    }
+    ep->rtp_seq0 = seq;
+    ep->rtp_ts0 = ts;
+    return step;
+}
+
+// Timing lock: a sender that runs ahead re-locks at once, one that falls
+// behind keeps the lock for 2.5 s. Returns the offset sender - local.
+uint32_t rtp_time_lock(rtp_ep *ep, uint32_t ts, int32_t step, uint32_t now) noexcept
+{
+    const int32_t lag = int32_t((now - uint32_t(step)) - (ts - ep->synt));
+    const int32_t window = std::max(step, int32_t(MIX_BLOCK));
+    if (lag <= window) {
+        ep->buf_full_ts = now;
+        if (lag < 0)
+            ep->run = 0;
+    } else if (now - ep->buf_full_ts > uint32_t(RTP_LATE_TOLERANCE)) {
+        ep->run = 0;
+    }
+    if (!ep->run) {
+        ep->synt = ts - (now - uint32_t(step));
+        ep->rx_reset++;
+    }
+    return ep->synt;
+}
+
+void rtp_write_pcm(rtp_dst *dst, const uint8_t *x, int bytes, uint32_t pos, int channels, int bits) noexcept
+{
+    int c = dst->channel_mode;
+    if (c < 0 && channels == 2 && bits != 16) {
+        mix_inp_S24_2_downmix(x, bytes, pos, dst->index);
+        return;
+    }
+    if (c < 0)
+        c = 0;
+    if (bits == 16)
+        mix_inp_S16_n(x, bytes, pos, dst->index, channels, c);
+    else
+        mix_inp_S24_n(x, bytes, pos, dst->index, channels, c);
+}
+
+in_addr_t rtp_pktinfo_dst(const msghdr *h) noexcept
+{
+    in_addr_t d = INADDR_NONE;
+    if (h->msg_controllen < 12)
+        return d;
+    for (cmsghdr *c = CMSG_FIRSTHDR(h); c; c = CMSG_NXTHDR(const_cast<msghdr *>(h), c)) {
+        if (c->cmsg_level != IPPROTO_IP || c->cmsg_type != IP_PKTINFO ||
+            c->cmsg_len < CMSG_LEN(sizeof(in_pktinfo)))
+            continue;
+        in_pktinfo pi;
+        memcpy(&pi, CMSG_DATA(c), sizeof pi);
+        d = pi.ipi_addr.s_addr; // the last one wins
+    }
+    return d;
+}
+
+void rtp_sk_dispatch(rtp_sk *sk, in_addr_t dst_addr, uint32_t src_addr_h, const uint8_t *p, int l,
+                     uint32_t now) noexcept
+{
+    dlist *b = rtp_sk_ep_list(sk, dst_addr);
+    for (dlist *e = observe(b->next); e != b; e = observe(e->next)) {
+        rtp_ep *ep = dlist_entry(e, rtp_ep, rtp_sk_ep_list);
+        if (ep->sa_dst.sin_addr.s_addr != dst_addr)
+            continue;
+        if (ep->dst)
+            rtp_ep_recv_packet(ep, p, l, now);
+        rtp_ep_backoff_check(ep, src_addr_h, p, l);
+    }
+    if (in_addr_is_mcast(dst_addr))
+        return;
+    b = rtp_sk_ep_list(sk, INADDR_ANY);
+    for (dlist *e = observe(b->next); e != b; e = observe(e->next)) {
+        rtp_ep *ep = dlist_entry(e, rtp_ep, rtp_sk_ep_list);
+        if (ep->sa_dst.sin_addr.s_addr == INADDR_ANY && ep->dst)
+            rtp_ep_recv_packet(ep, p, l, now);
+    }
+}
+
+} // namespace
+
+void mix_inp_S16_n(const uint8_t *x, int bytes, uint32_t rtp_ts, int ichan, int num_chan, int c) noexcept
+{
+    mix_inp_pcm<2, s16_norm>(x, bytes, rtp_ts, ichan, num_chan, c);
+}
+
+void mix_inp_S24_n(const uint8_t *x, int bytes, uint32_t rtp_ts, int ichan, int num_chan, int c) noexcept
+{
+    mix_inp_pcm<3, s24_norm>(x, bytes, rtp_ts, ichan, num_chan, c);
+}
+
+void mix_inp_S24_2_downmix(const uint8_t *x, int bytes, uint32_t rtp_ts, int ichan) noexcept
+{
+    int off = 0;
+    for (; off + 6 <= bytes; off += 6)
+        *mix_slot(rtp_ts++, ichan) = downmix24(x + off);
+    if (off < bytes)
+        *mix_slot(rtp_ts, ichan) = downmix24(tail_frame(x, bytes, off, 6).b.data());
+}
+
+void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst) noexcept
+{
+    if (bytes < 1 || !dst->opus_dec)
+        return;
+    const int n_ch = opus_packet_get_nb_channels(x);
+    if (n_ch != 1 && n_ch != 2)
+        return;
+    std::array<float, 2 * RTP_OPUS_FRAMES_MAX> pcm;
+    const int n = opus_decode_float(dst->opus_dec, x, bytes, pcm.data(), RTP_OPUS_FRAMES_MAX, 0);
+    if (n < 0)
+        return;
+    // the decoder was made with 1 channel for a mono flow, else 2
+    const int dec_ch = dst->fmt.nchan == 1 ? 1 : 2;
+    const int i = dst->index;
+    if (n_ch == 2 && dst->channel_mode < 0 && dec_ch == 2) {
+        for (int k = 0; k < n; k++)
+            *mix_slot(rtp_ts + uint32_t(k), i) = downmix(pcm[2 * k], pcm[2 * k + 1]);
+        return;
+    }
+    const int stride = dst->fmt.nchan;
+    if (stride < 1)
+        return;
+    const int end = dec_ch * n; // never past what the decoder wrote
+    for (int k = std::max(dst->channel_mode, 0); k < end; k += stride)
+        *mix_slot(rtp_ts++, i) = pcm[k];
+}
+
+void rtp_ep_backoff_check(rtp_ep *ep, uint32_t src_addr_h, const uint8_t *packet, int l) noexcept
+{
+    if (ep->backoff_cnt != 0) {
+        ep->backoff_cnt = RTP_BACKOFF_ARMED; // any datagram on the group re-arms
+        return;
+    }
+    if (src_addr_h > ep->if_addr_h)
+        return;
+    if (src_addr_h == ep->if_addr_h) {
+        // same address: the lower SSRC keeps the group; our own loop-back
+        // (same SSRC) never makes us back off
+        if (l <= 31 || be32(packet + 8) >= pelod_ssrc)
+            return;
+    }
+    ep->backoff_cnt = RTP_BACKOFF_ARMED;
+}
+
+void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, uint32_t rtp_ts_local) noexcept
+{
+    if (l < RTP_HDR_LEN)
+        return;
+    rtp_dst *dst = ep->dst;
+    const int cc = packet[0] & 0x0F;
+    const bool ext = packet[0] & 0x10;
+    const bool marker = packet[1] & 0x80;
+    const int pt = packet[1] & 0x7F;
+    const uint16_t seq = be16(packet + 2);
+    const uint32_t ts = be32(packet + 4);
+    int hlen = RTP_HDR_LEN + 4 * cc;
+    if (ext) // an extension whose length word is itself cut off leaves no payload
+        hlen = hlen + 4 <= l ? hlen + 4 + 4 * be16(packet + hlen + 2) : l + 1;
+    const int plen = l - hlen;
+
+    if (pt >= 64 && pt <= 95) // RTCP and reserved types
+        return;
+    int channels = dst->fmt.nchan;
+    int bits = dst->fmt.bps;
+    if (channels == 0) {
+        const vantrel_rtpmap_entry *e = vantrel_rtpmap_default_get(plen, pt);
+        channels = e->channels;
+        bits = e->bits_per_sample;
+    }
+    const int32_t step = rtp_seq_track(ep, marker, seq, ts);
+    if (step == 0)
+        return;
+    const uint32_t pdly =
+        dst->pdly >= 1 ? dst->pdly : uint32_t(std::max(pdly_auto(step), int(pdly_samples_min)));
+    const uint32_t synt = rtp_time_lock(ep, ts, step, rtp_ts_local);
+    const uint32_t pos = ts - synt + pdly;
+    if (pos - rtp_ts_local > uint32_t(MIX_RING_MASK + 1))
+        ep->rx_late++; // written all the same: the counter only reports it
+
+    if (plen > 0) {
+        const uint8_t *payload = packet + hlen;
+        if (dst->fmt.payload_format == RTP_FMT_OPUS)
+            mix_inp_opus(payload, plen, pos, dst);
+        else
+            rtp_write_pcm(dst, payload, plen, pos, channels, bits);
+    }
+    const float level = *mix_slot(pos, dst->index);
+    dst->vox_sample = level;
+    if (level > dst->stats_audio_sample)
+        dst->stats_audio_sample = level;
+    ep->run = 1;
+}
+
+void rtp_sk_recvm(rtp_sk *sk, uint32_t rtp_ts_local) noexcept
+{
+    // the whole batch lives on the real-time stack (about 440 KiB of 4 MiB)
+    std::array<std::array<uint8_t, RTP_MTU>, RTP_RECV_BATCH> bufs;
+    alignas(cmsghdr) std::array<std::array<uint8_t, RTP_CTRL_LEN>, RTP_RECV_BATCH> ctrl;
+    std::array<sockaddr_in, RTP_RECV_BATCH> names;
+    std::array<iovec, RTP_RECV_BATCH> iov;
+    std::array<mmsghdr, RTP_RECV_BATCH> msgs;
+    memset(msgs.data(), 0, sizeof msgs);
+    for (int j = 0; j < RTP_RECV_BATCH; j++) {
+        iov[j] = {bufs[j].data(), RTP_MTU};
+        msghdr &h = msgs[j].msg_hdr;
+        h.msg_name = &names[j];
+        h.msg_namelen = sizeof names[j];
+        h.msg_iov = &iov[j];
+        h.msg_iovlen = 1;
+        h.msg_control = ctrl[j].data();
+        h.msg_controllen = RTP_CTRL_LEN;
+    }
+    const int n = recvmmsg(sk->fd, msgs.data(), RTP_RECV_BATCH, MSG_DONTWAIT, nullptr);
+    if (n < 0) {
+        if (errno != EAGAIN)
+            perror("pelod: rtp_recvm");
+        return;
+    }
+    for (int j = 0; j < n; j++) {
+        const msghdr &h = msgs[j].msg_hdr;
+        const uint32_t src_h = h.msg_namelen >= sizeof(sockaddr_in) ? ntohl(names[j].sin_addr.s_addr) : 0;
+        rtp_sk_dispatch(sk, rtp_pktinfo_dst(&h), src_h, bufs[j].data(), int(msgs[j].msg_len), rtp_ts_local);
+    }
+}

@@ -1,43 +1,72 @@
 // Receive path: drains every socket once per wake-up, tracks sequence and
 // timing per endpoint and writes decoded samples into the mix input ring
-// at their playout position.
+// at their playout position. Also owns the audio format record, the
+// default payload map and the playout delay rule.
 #pragma once
 #include "rtp/rtp_sk.h"
 
 #include <cstdint>
 
+struct rtp_dst;
+
 struct rtp_fmt {
-    int payload_format; // 0 PCM ("L24"), 1 Opus, 2 NDI (received as PCM)
+    int payload_format; // RTP_FMT_PCM ("L24"), RTP_FMT_OPUS, RTP_FMT_NDI (received as PCM)
     int bps;            // 16 or 24
     int samplerate;     // 48000
     int nchan;          // 0: decided per datagram by the default map
 };
 
+inline constexpr int RTP_FMT_PCM = 0;
+inline constexpr int RTP_FMT_OPUS = 1;
+inline constexpr int RTP_FMT_NDI = 2;
+
 struct vantrel_rtpmap_entry {
     int channels;
     int bits_per_sample;
 };
-extern const vantrel_rtpmap_entry rtpmap[23]; // PT 96..118
+inline constexpr int RTPMAP_PT_FIRST = 96;
+inline constexpr int RTPMAP_SIZE = 23;
+extern const vantrel_rtpmap_entry rtpmap[RTPMAP_SIZE]; // PT 96..118
 
-inline constexpr int RTP_RECV_BATCH = 256;
-inline constexpr int RTP_MTU = 1500;
+inline constexpr int RTP_RECV_BATCH = 256;   // datagrams per drain
+inline constexpr int RTP_MTU = 1500;         // receive buffer per datagram
+inline constexpr int RTP_CTRL_LEN = 128;     // control buffer per datagram
+inline constexpr int RTP_HDR_LEN = 12;       // fixed RTP header
+inline constexpr int RTP_OPUS_FRAMES_MAX = 5760; // 120 ms, the longest Opus packet
+inline constexpr int32_t RTP_LATE_TOLERANCE = 119999; // 2.5 s of late datagrams keep the lock
+inline constexpr double RTP_DOWNMIX_GAIN = 0.707946;  // -3 dB
 
 // "L24", "Opus", "NDI" or "???".
 const char *payload_format_str(int payload_format) noexcept;
-// Map entry for a datagram: 144-byte payloads are mono L24 whatever the PT.
+// Map entry for a datagram: a 144-byte payload is mono 24-bit whatever the
+// PT; PT 96..118 their own entry; anything else the entry of PT 96.
 const vantrel_rtpmap_entry *vantrel_rtpmap_default_get(int rtp_payload_bytes, int pt) noexcept;
 // Automatic playout delay: 144 for packets of up to 48 samples, else 1440.
 int pdly_auto(int ptime_samples) noexcept;
 
-// [rt] Drains up to 256 datagrams of sk and hands each to its endpoints.
+// [rt] Drains up to 256 datagrams of sk without blocking and hands each to
+// the endpoints of its destination address (exact pass with the back-off
+// check, then the wildcard endpoints for a unicast destination). Reports
+// "pelod: rtp_recvm" on errors other than EAGAIN.
 void rtp_sk_recvm(rtp_sk *sk, uint32_t rtp_ts_local) noexcept;
-// [rt] One datagram for one endpoint with a flow.
+// [rt] One datagram of l bytes for an endpoint with a flow. Reads nothing
+// outside packet[0..l-1]; datagrams shorter than the fixed 12-byte header
+// and payload types 64..95 are ignored without counting.
 void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, uint32_t rtp_ts_local) noexcept;
-// [rt] Back-off check of an exact-pass endpoint for a datagram from src_addr_h.
+// [rt] Back-off check of an exact-pass endpoint for a datagram from
+// src_addr_h (host order): arms backoff_cnt when another sender may keep
+// the group.
 void rtp_ep_backoff_check(rtp_ep *ep, uint32_t src_addr_h, const uint8_t *packet, int l) noexcept;
 
-// [rt] Sample writers into column ichan of the ring from RTP time rtp_ts.
+// [rt] Sample writers into column ichan of the ring from RTP time rtp_ts,
+// one slot per frame while the frame starts inside the `bytes` of x; bytes
+// of a trailing partial frame past the end read as zero. Channel c of
+// num_chan; nothing is written unless 0 <= c < num_chan.
+// 16-bit: only the second byte of each sample is used, as the high byte.
 void mix_inp_S16_n(const uint8_t *x, int bytes, uint32_t rtp_ts, int ichan, int num_chan, int c) noexcept;
 void mix_inp_S24_n(const uint8_t *x, int bytes, uint32_t rtp_ts, int ichan, int num_chan, int c) noexcept;
+// Stereo 24-bit frames summed and scaled by -3 dB.
 void mix_inp_S24_2_downmix(const uint8_t *x, int bytes, uint32_t rtp_ts, int ichan) noexcept;
+// [rt] Decodes one Opus packet with the flow's decoder into its column;
+// packets of 0 or more than 2 channels and decoder errors write nothing.
 void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst) noexcept;

@@ -10,38 +10,68 @@
 struct OpusEncoder;
 struct src;
 
+inline constexpr int RTP_SRC_PACKET_MAX = 1500; // bytes of the packet buffer
+inline constexpr int RTP_SRC_FILL_LIMIT = 1452; // a packet this full is finished
+inline constexpr int RTP_SRC_OPUS_FRAME = 480;  // samples per Opus frame (10 ms)
+inline constexpr int RTP_SRC_OPUS_MAX_BYTES = 1440;
+inline constexpr uint8_t RTP_PT_UNSET = 255;    // configured "pt" absent
+inline constexpr uint8_t RTP_PT_MONO = 101;     // default for one channel
+inline constexpr uint8_t RTP_PT_MULTI = 96;     // default otherwise
+inline constexpr float RTP_SRC_MONO_PAIR = 0.707946f; // -3 dB: mono on two channels
+
 struct rtp_src {
     rtp_src *next;
     char in_mix[130];      // configured mix list
     int mix[2];            // mix output of channel 0 and 1
     rtp_ep ep;             // dst is null
     uint8_t rtp_pt;        // 255: 101 mono, 96 otherwise
-    uint16_t rtp_seq;
+    uint16_t rtp_seq;      // of the next packet
     int rtp_ptime_samples;
-    int64_t tx_backoff;
-    int nchn;              // 1, 2 or 3
-    float gainv[2];
-    rtp_fmt fmt;
-    uint8_t packet[1500];
-    uint8_t *packet_data;  // null: no packet open
-    int packet_nsamples;
+    int64_t tx_backoff;    // finished packets held back by the back-off
+    int nchn;              // 1, 2 or 3 (third channel: silence in PCM, absent in Opus)
+    float gainv[2];        // linear
+    rtp_fmt fmt;           // payload_format 1: Opus, anything else: L24
+    uint8_t packet[RTP_SRC_PACKET_MAX];
+    uint8_t *packet_data;  // write position; null: no packet open
+    int packet_nsamples;   // sample frames in the open packet
     LimCom_Instance limcom;
-    OpusEncoder *opus_enc;
-    float opus_inbuf[960];
-    int opus_inbuf_avail;
-    int bitrate;
+    OpusEncoder *opus_enc; // null unless Opus
+    float opus_inbuf[960]; // interleaved, one 10 ms frame of at most 2 channels
+    int opus_inbuf_avail;  // floats in opus_inbuf
+    int bitrate;           // 0: encoder default
     int cbr;
 };
 
 extern rtp_src *rtp_srcs;        // list head; new streams at the tail
 extern uint32_t opus_enc_rtp_ts; // cycle that last began an Opus frame
 
-// [sup] Brings rtp_srcs in line with srcs[0..srcs_used-1]. Removed streams
-// are freed after a grace period.
+// [sup] Brings rtp_srcs in line with srcs[0..srcs_used-1]: keeps streams
+// whose identity is unchanged (re-binding them when only the bind address
+// moved, refreshing their gains), removes the others and creates the new
+// ones. New streams are linked at the tail, fully prepared, as the last
+// store; removed ones are unlinked and closed, and freed after a grace
+// period. Prints "+ src  %s out of output channels" for a mix list that
+// gets no mix output (that source gets no stream, its endpoint is closed
+// again) and "pelod_update_rtp_sources ENOMEM" when a record cannot be
+// allocated (the update stops there).
 void pelod_update_rtp_sources();
-// [sup] 0 when stream s has the identity of configured source p.
+// [sup] 0 when stream s has the identity of configured source p: limiter
+// parameters, bit rate, CBR flag, payload type, destination address, mix
+// list, format and packet time. Bind address, SSM source and gains are not
+// part of it.
 int rtp_src_cmp(const rtp_src *s, const src *p);
-// [rt] One cycle of one stream: append 48 samples, send a full packet.
+// [sup] Creates s's Opus encoder for its channel count (1, else 2),
+// complexity 2, CBR when s->cbr, s->bitrate when non-zero. Returns 0, or -1
+// after reporting "pelod: opus_encoder_create".
+int rtp_src_encoder_create(rtp_src *s);
+// [sup] Destroys s's encoder and frees s; s must be unlinked and the cycle
+// past a boundary since (grace_wait).
+void rtp_src_destroy(rtp_src *s);
+// [rt] One cycle of one stream: appends this cycle's 48 samples of its mix
+// outputs (or its limiter's output) to the open packet and sends the packet
+// once it holds the packet time, unless the multicast back-off holds it
+// back. Never allocates or blocks (sends are non-blocking; a failed or short
+// send counts ep.tx_err).
 void rtp_send(rtp_src *s, uint32_t rtp_ts) noexcept;
-// [sup] Debug line of a stream; p may be null.
+// [sup] Debug line of a stream ("+"/"-" mark); p may be null.
 void debug_print_src(int change_mark, const rtp_src *s, const src *p);

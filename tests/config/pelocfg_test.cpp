@@ -188,6 +188,17 @@ TEST_F(ConfigEmpty, SrcDefaultsAndValues)
               std::make_tuple(alsa_src_family, uint16_t(2), 0u));
 }
 
+TEST_F(ConfigEmpty, LimiterWithoutItsValuesIsReported)
+{
+    testing::internal::CaptureStdout();
+    pelocfg_load_src("SRC mix=a rtpa=5 lce=1");
+    pelocfg_load_xpt("XPT mix=a src=5 lce=1;a=5;r=100;T=0.5");
+    pelocfg_load_xpt("XPT mix=b src=6 lce=0;T=0.5");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "'mix=a rtpa=5 lce=1' lce warning: limiter enabled without T=, a= and r= (all "
+              "non-zero); its output is silent.\n");
+}
+
 TEST_F(ConfigEmpty, SixtyFifthSrcAndLaterGlbAreIgnored)
 {
     std::string text = "XPT mix=early src=5\nGLB ifs=10.0.0.1\n";
