@@ -18,6 +18,11 @@ constexpr float DD_MEMORY = 0.96f;    // decision-directed a priori SNR
 // (it is a regression over all bins): scaled up, it still falls by orders
 // of magnitude in double talk, which is what protects the filter.
 constexpr float LEAK_STEP_GAIN = 16.0f;
+// The error's coherence with the far end is high after an echo-path change
+// (the new echo and the old estimate are both far-end) and low in double
+// talk: it lets the background re-adapt at once where the leak, learning
+// slowly while the error is large, would hold it back.
+constexpr float COH_STEP_GAIN = 4.0f;
 constexpr float COH_RATE = 0.1f;      // cross-spectrum smoothing per frame
 // Both residual-echo estimates run low (regression and coherence biases);
 // weighted up, they leave double-talk loss under 2 dB on the benchmark.
@@ -139,8 +144,11 @@ void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept
         return;
     }
     const v4 gain = v4_dup(LEAK_STEP_GAIN * c->leak), top = v4_dup(p->mu_max), tiny = v4_dup(TINY);
-    for (int k = 0; k < kp; k += 4)
-        v4_store(mu + k, v4_min(top, v4_div(v4_mul(gain, v4_load(c->s_yy + k)), v4_add(v4_load(c->s_ee + k), tiny))));
+    const v4 cg = v4_dup(COH_STEP_GAIN);
+    for (int k = 0; k < kp; k += 4) {
+        const v4 num = v4_max(v4_mul(gain, v4_load(c->s_yy + k)), v4_mul(cg, v4_load(c->coh_echo + k)));
+        v4_store(mu + k, v4_min(top, v4_div(num, v4_add(v4_load(c->s_ee + k), tiny))));
+    }
 }
 
 void supp_apply(const eaec_params *p, eaec_chan *c, float *e_re, float *e_im, float *pe) noexcept

@@ -26,9 +26,10 @@ struct supp_frame {
 supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *e_re,
                         const float *e_im, const float *y_re, const float *y_im, int far_active,
                         float *pe) noexcept;
-// [rt] Step size per bin of the background filter into mu: the leak's share
-// of the error power, so adaptation slows down in double talk and speeds
-// up after an echo-path change; mu_init until the leak is known.
+// [rt] Step size per bin of the background filter into mu: the larger of
+// the leak's share of the error power and the error's coherence with the
+// far end, so adaptation slows down in double talk and speeds up after an
+// echo-path change; mu_init until the leak is known.
 void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept;
 // [rt] Applies the suppression gain and comfort noise to E in place; pe
 // is used up (it holds the comfort noise power afterwards). Every per-bin
