@@ -133,6 +133,12 @@ void afilt_constrain(const eaec_params *p, eaec_chan *c, float *taps, float *fw)
 void afilt_scale(const eaec_params *p, float *w_re, float *w_im, float g) noexcept
 {
     const int n = p->npart * p->kpad;
+    if (g == 0.0f) {
+        // A reset: multiplying would keep a NaN.
+        std::memset(w_re, 0, sizeof(float) * size_t(n));
+        std::memset(w_im, 0, sizeof(float) * size_t(n));
+        return;
+    }
     for (int i = 0; i < n; i++) {
         w_re[i] *= g;
         w_im[i] *= g;

@@ -65,6 +65,8 @@ void analyse(const eaec_params *p, const float *prev, const float *cur, float *b
     for (int i = p->win; i < p->nfft; i++)
         buf[i] = 0.0f;
     eaec_rfft(&p->fft, buf, re, im, work);
+    for (int k = p->nbin; k < p->kpad; k++)
+        re[k] = im[k] = 0.0f; // the per-bin loops run over the padding too
 }
 
 int16_t to_pcm(float v) noexcept
@@ -141,7 +143,16 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
     std::memcpy(c->e_hist, e, sizeof(float) * size_t(n));
     std::memcpy(c->y_hist, yhat, sizeof(float) * size_t(n));
 
-    supp_analyse(p, s, c, f.es_re, f.es_im, f.ys_re, f.ys_im, far_active, f.pe);
+    const supp_frame sf = supp_analyse(p, s, c, f.es_re, f.es_im, f.ys_re, f.ys_im, far_active, f.pe);
+    if (!std::isfinite(sf.sum_e + sf.sum_y + c->leak + c->err_fg + c->err_bg)) {
+        // Nothing should get here; if it does, start the channel afresh
+        // rather than stay silent.
+        const uint32_t rng = c->rng;
+        chan_reset(p, c, 0);
+        c->rng = rng;
+        for (int k = 0; k < p->kpad; k++)
+            f.es_re[k] = f.es_im[k] = f.pe[k] = 0.0f;
+    }
 
     if (far_active) {
         supp_step(p, c, f.mu);

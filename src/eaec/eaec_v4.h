@@ -91,13 +91,14 @@ inline v4 v4_div(v4 a, v4 b) noexcept
     r = vmulq_f32(vrecpsq_f32(b, r), r);
     return vmulq_f32(a, r);
 }
-// sqrt(x) for x > 0, from the reciprocal square root and two Newton steps.
+// sqrt(x) for x >= 0, from the reciprocal square root and two Newton
+// steps; 0 (whose estimate is infinite) stays 0.
 inline v4 v4_sqrt(v4 x) noexcept
 {
     v4 r = vrsqrteq_f32(x);
     r = vmulq_f32(r, vrsqrtsq_f32(vmulq_f32(x, r), r));
     r = vmulq_f32(r, vrsqrtsq_f32(vmulq_f32(x, r), r));
-    return vmulq_f32(x, r);
+    return vbslq_f32(vcgtq_f32(x, vdupq_n_f32(0.0f)), vmulq_f32(x, r), vdupq_n_f32(0.0f));
 }
 #else
 inline v4 v4_min(v4 a, v4 b) noexcept { return a < b ? a : b; }
