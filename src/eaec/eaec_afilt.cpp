@@ -5,27 +5,6 @@
 #include <cmath>
 #include <cstring>
 
-void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const float *w_re, const float *w_im,
-                         float *y_re, float *y_im) noexcept
-{
-    const int kp = p->kpad;
-    for (int k = 0; k < kp; k += 4) {
-        v4_store(y_re + k, v4_dup(0.0f));
-        v4_store(y_im + k, v4_dup(0.0f));
-    }
-    int slot = s->head;
-    for (int part = 0; part < p->npart; part++) {
-        const float *wr = w_re + part * kp, *wi = w_im + part * kp;
-        const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
-        for (int k = 0; k < kp; k += 4) {
-            const v4 a = v4_load(wr + k), b = v4_load(wi + k), u = v4_load(xr + k), v = v4_load(xi + k);
-            v4_store(y_re + k, v4_add(v4_load(y_re + k), v4_mms(a, u, b, v)));
-            v4_store(y_im + k, v4_add(v4_load(y_im + k), v4_mma(a, v, b, u)));
-        }
-        slot = slot ? slot - 1 : p->npart - 1;
-    }
-}
-
 void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *a_re, const float *a_im,
                         const float *b_re, const float *b_im, float *ya_re, float *ya_im, float *yb_re,
                         float *yb_im) noexcept

@@ -1,13 +1,10 @@
 // Adaptive filter of the echo canceller: a partitioned-block
 // frequency-domain filter (P partitions of N taps, overlap-save with an
-// M-point FFT) driven by the far-end spectra ring of the state.
+// M-point FFT) driven by the far-end spectra ring of the state. Every
+// per-bin array is kpad long (a multiple of 4) and 16-byte aligned.
 #pragma once
 #include "eaec/eaec_core.h"
 
-// [rt] Echo spectrum Y = sum_p W_p X_(head - p) over the K bins, for the
-// partitions w (P rows of kpad).
-void afilt_echo_spectrum(const eaec_params *p, const eaec_state *s, const float *w_re, const float *w_im,
-                         float *y_re, float *y_im) noexcept;
 // [rt] Both filters' echo spectra in one pass over the far-end ring:
 // ya from partitions a, yb from partitions b.
 void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *a_re, const float *a_im,
