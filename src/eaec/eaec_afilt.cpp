@@ -15,8 +15,15 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *
         xr_rows[part] = s->x_re + slot * kp;
         xi_rows[part] = s->x_im + slot * kp;
     }
+    const int kad = p->kadapt;
+    for (int k = kad; k < kp; k += 4) {
+        v4_store(ya_re + k, v4_dup(0.0f));
+        v4_store(ya_im + k, v4_dup(0.0f));
+        v4_store(yb_re + k, v4_dup(0.0f));
+        v4_store(yb_im + k, v4_dup(0.0f));
+    }
     // Bins outermost: the four sums stay in registers across partitions.
-    for (int k = 0; k < kp; k += 4) {
+    for (int k = 0; k < kad; k += 4) {
         v4 sar = v4_dup(0.0f), sai = sar, sbr = sar, sbi = sar;
         for (int part = 0; part < np; part++) {
             const int o = part * kp + k;
@@ -45,7 +52,7 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
         const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
         const v4 f = v4_dup(c->part_gain[part]);
         v4 energy = v4_dup(0.0f);
-        for (int k = 0; k < kp; k += 4) {
+        for (int k = 0; k < p->kadapt; k += 4) {
             const v4 u = v4_load(xr + k), v = v4_load(xi + k), gr = v4_load(g_re + k), gi = v4_load(g_im + k);
             const v4 nr = v4_add(v4_load(wr + k), v4_mul(f, v4_mma(u, gr, v, gi)));
             const v4 ni = v4_add(v4_load(wi + k), v4_mul(f, v4_mms(u, gi, v, gr)));
@@ -85,7 +92,7 @@ void afilt_weighted_norm(const eaec_params *p, const eaec_state *s, const eaec_c
     for (int part = 0, slot = s->head; part < np; part++, slot = slot ? slot - 1 : np - 1) {
         const float *xp = s->x_pow + slot * kp;
         const v4 g = v4_dup(c->part_gain[part]);
-        for (int k = 0; k < kp; k += 4)
+        for (int k = 0; k < p->kadapt; k += 4)
             v4_store(norm + k, v4_add(v4_load(norm + k), v4_mul(g, v4_load(xp + k))));
     }
 }
@@ -106,6 +113,8 @@ void afilt_constrain(const eaec_params *p, eaec_chan *c, float *taps, float *fw)
     for (int t = p->hop; t < p->nfft; t++)
         taps[t] = 0.0f;
     eaec_rfft(&p->fft, taps, wr, wi, fw);
+    for (int k = p->kadapt; k < kp; k++)
+        wr[k] = wi[k] = 0.0f; // the cut spreads into bins the filter leaves alone
     c->part_next = part + 1 < p->npart ? part + 1 : 0;
 }
 

@@ -5,6 +5,7 @@
 //   far-end x -> spectrum of the last M samples -> ring of P spectra
 //   echo estimate y = last N samples of IFFT(sum_p W_p X_p)  (overlap-save)
 //   error e = mic - y; W_p += mu_k conj(X_p) E / norm_k     (PBFDAF)
+//   the filter covers 0..12 kHz; above, echo is only suppressed
 //   two filters: the background adapts, the foreground (a copy taken
 //   while the background does clearly better) makes the output, so double
 //   talk cannot throw the output filter off
@@ -26,6 +27,7 @@ inline constexpr int EAEC_HOP_MAX = 512;
 inline constexpr int EAEC_KPAD_MAX = (EAEC_BIN_MAX + 3) & ~3; // 516
 inline constexpr int EAEC_CHAN_MAX = 2;
 inline constexpr int EAEC_TAIL_MS = 200;  // echo tail covered after the bulk delay
+inline constexpr int EAEC_ADAPT_HZ = 12000; // upper edge of the adaptive filter's band
 inline constexpr int EAEC_PART_MAX = 64;
 inline constexpr int EAEC_LAGS = 3; // frame lags tried by the coherence
 
@@ -36,6 +38,7 @@ struct eaec_params {
     int nfft;         // M
     int nbin;         // K = M/2 + 1
     int kpad;         // K rounded up to 4: row length of every per-bin array
+    int kadapt;       // bins the adaptive filter covers (a multiple of 4)
     int npart;        // P: filter partitions of N taps each
     int delay_frames; // sigdelay in frames
     float floor_echo; // power floor of the residual-echo gain, 10^(aec/10)

@@ -205,6 +205,10 @@ void eaec_derive(eaec_params *p, const EAEC_CONFIG *cfg, int hop, int nfft)
     p->nfft = nfft;
     p->nbin = nfft / 2 + 1;
     p->kpad = (p->nbin + 3) & ~3;
+    // The linear filter covers the speech band; echo above it is left to
+    // the suppressor (at most aec dB), which saves a third of the filter's
+    // work at 48 kHz.
+    p->kadapt = std::min(p->kpad, (int(int64_t(EAEC_ADAPT_HZ) * nfft / std::max(cfg->sfreq, 1)) + 1 + 3) & ~3);
     // The echo-path delay in whole frames, in the order of the interface;
     // a negative delay counts as none.
     p->delay_frames = std::max(0, (cfg->sfreq * cfg->sigdelay / hop) / 1000);
