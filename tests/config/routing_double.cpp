@@ -4,32 +4,16 @@
 #include "rtp/rtp_src.h"
 
 #include <cstring>
-#include <string>
 
 std::vector<routing_call> routing_calls;
 
-static void record(char op, const pelod_xpt *x)
+static int record(char op, const pelod_xpt *x)
 {
-    routing_call c{};
-    c.op = op;
-    if (x)
-        c.x = *x;
-    c.srcs_used = srcs_used;
-    routing_calls.push_back(c);
-}
-
-int pelod_xpt_add(const pelod_xpt *x)
-{
-    record('a', x);
+    routing_calls.push_back({op, x ? *x : pelod_xpt{}, srcs_used});
     return 0;
 }
-
-int pelod_xpt_del(const pelod_xpt *x)
-{
-    record('d', x);
-    return 0;
-}
-
+int pelod_xpt_add(const pelod_xpt *x) { return record('a', x); }
+int pelod_xpt_del(const pelod_xpt *x) { return record('d', x); }
 void pelod_update_rtp_sources() { record('u', nullptr); }
 
 std::string routing_ops()
@@ -42,13 +26,12 @@ std::string routing_ops()
 
 void config_reset()
 {
-    for (dlist *h : {&xpts, &xpts_del, &xpts_new}) {
+    for (dlist *h : {&xpts, &xpts_del, &xpts_new})
         while (!dlist_empty(h)) {
             dlist *e = h->next;
             dlist_del(e);
             delete dlist_entry(e, xpt, link);
         }
-    }
     memset(srcs, 0, sizeof srcs);
     srcs_used = 0;
     ifs[0] = '\0';

@@ -1,21 +1,34 @@
+#include "routing/xpt.h"
+
 #include "config/pelocfg.h"
 #include "daemon/pelod.h"
-#include "routing/xpt.h"
 #include "rtp/rtp_src.h"
+#include "support/rtp_wire.h"
 
 #include <arpa/inet.h>
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
-#include <unistd.h>
 
 namespace {
-int sockets()
+// The routing in one line: the used flows ("index:source", "/chn" when
+// given), the named mix outputs with their mode (the one input, M for
+// several, - for none) and the number of sockets.
+std::string routing()
 {
+    std::string s;
+    for (const rtp_dst &d : rtp_dsts)
+        if (d.src[0])
+            s += std::to_string(d.index) + ":" + d.src + (d.channel_mode < 0 ? "" : "/" + std::to_string(d.channel_mode)) + " ";
+    s += "|";
+    for (const mixout &m : mixouts)
+        if (m.id[0])
+            s += " " + std::string(m.id) + "=" +
+                 (m.mode == MIX_OUT_MULTI ? "M" : m.mode == MIX_OUT_UNUSED ? "-" : std::to_string(m.mode));
     int n = 0;
     for (dlist *l = rtp_sk_all.next; l != &rtp_sk_all; l = l->next)
         n++;
-    return n;
+    return s + " | " + std::to_string(n) + " sk";
 }
 
 // State: start-up done, nothing routed, no outgoing stream. Crosspoints
@@ -25,13 +38,7 @@ protected:
     static inline int port;
     void SetUp() override
     {
-        const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in a{AF_INET, 0, {inet_addr("127.0.0.1")}, {}};
-        socklen_t len = sizeof a;
-        bind(fd, reinterpret_cast<sockaddr *>(&a), len);
-        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-        close(fd);
-        port = ntohs(a.sin_port);
+        port = udp_free_port();
         mix_inp_init();
         mix_init();
         for (int i = 0; i < RTP_DST_MAX; i++)
@@ -44,10 +51,9 @@ protected:
         rtp_srcs = nullptr;
         for (rtp_dst &d : rtp_dsts)
             rtp_ep_close(&d.ep);
-        EXPECT_EQ(sockets(), 0);
+        EXPECT_TRUE(dlist_empty(&rtp_sk_all));
     }
-    static pelod_xpt xp(const char *mix, const char *src, int chn = -1, float gain_dB = 0,
-                        const char *bind = "127.0.0.1")
+    static pelod_xpt xp(const char *mix, const char *src, int chn = -1, float gain_dB = 0, const char *bind = "127.0.0.1")
     {
         pelod_xpt x{};
         snprintf(x.mix, sizeof x.mix, "%s", mix);
@@ -58,24 +64,30 @@ protected:
         x.ep.sa_bind = {AF_INET, htons(uint16_t(port)), {inet_addr(bind)}, {}};
         return x;
     }
-    static bool used(int i) { return rtp_dsts[i].src[0] != '\0'; }
 };
 
-TEST_F(XptEmpty, CrosspointsOfOneSourceShareAFlow)
+TEST_F(XptEmpty, FlowsAreSharedPerSourceAndChannelAndModesFollow)
 {
-    const pelod_xpt a = xp("spk", "s1"), b = xp("line", "s1"), r = xp("spk", "s1", 1);
-    ASSERT_EQ(pelod_xpt_add(&a) | pelod_xpt_add(&b) | pelod_xpt_add(&r), 0);
-    EXPECT_EQ(mix_gain[1][0], 1.0f);
-    EXPECT_EQ(rtp_dsts[1].channel_mode, 1); // another channel: another flow
-    EXPECT_EQ(mixouts[0].mode, MIX_OUT_MULTI);
-    EXPECT_EQ(pelod_xpt_del(&a) | pelod_xpt_del(&r), 0);
-    EXPECT_EQ(mixouts[0].id[0], '\0'); // "spk" pruned
-    EXPECT_TRUE(used(0));
-    EXPECT_EQ(sockets(), 1);
-    EXPECT_EQ(pelod_xpt_del(&b), 0);
-    EXPECT_FALSE(used(0));
-    EXPECT_EQ(sockets(), 0);
-    EXPECT_EQ(pelod_xpt_del(&b), -1);
+    const pelod_xpt a = xp("spk", "s1"), r = xp("spk", "s1", 1), b = xp("line", "s1"), c = xp("spk", "s2");
+    const struct {
+        char op;
+        const pelod_xpt *x;
+        const char *routing;
+    } steps[] = {
+        {'+', &a, "0:s1 | spk=0 | 1 sk"},
+        {'+', &r, "0:s1 1:s1/1 | spk=M | 1 sk"}, // another channel: another flow
+        {'+', &b, "0:s1 1:s1/1 | spk=M line=0 | 1 sk"},
+        {'-', &a, "0:s1 1:s1/1 | spk=1 line=0 | 1 sk"},
+        {'-', &b, "1:s1/1 | spk=1 | 1 sk"}, // "line" pruned with its last crosspoint
+        {'+', &c, "0:s2 1:s1/1 | spk=M | 1 sk"}, // the lowest free flow
+        {'-', &r, "0:s2 | spk=0 | 1 sk"},
+        {'-', &c, "| | 0 sk"},
+    };
+    for (const auto &s : steps) {
+        EXPECT_EQ(s.op == '+' ? pelod_xpt_add(s.x) : pelod_xpt_del(s.x), 0) << s.routing;
+        EXPECT_EQ(routing(), s.routing);
+    }
+    EXPECT_EQ(pelod_xpt_del(&c), -1);
 }
 
 TEST_F(XptEmpty, OverflowOfFlowsAndOfMixOutputs)
@@ -93,32 +105,15 @@ TEST_F(XptEmpty, OverflowOfFlowsAndOfMixOutputs)
               "update_flows no mixer input available\nupdate_flows no mixer output available\n");
 }
 
-TEST_F(XptEmpty, ModesFollowAddsAndDeletes)
-{
-    const pelod_xpt a = xp("spk", "a"), b = xp("spk", "b"), c = xp("spk", "c");
-    pelod_xpt_add(&a);
-    EXPECT_EQ(mixouts[0].mode, 0);
-    pelod_xpt_add(&b);
-    pelod_xpt_del(&a);
-    EXPECT_EQ(mixouts[0].mode, 1);
-    pelod_xpt_add(&c); // takes the lowest free flow
-    EXPECT_STREQ(rtp_dsts[0].src, "c");
-    EXPECT_EQ(mixouts[0].mode, MIX_OUT_MULTI);
-    pelod_xpt_del(&b);
-    pelod_xpt_del(&c);
-    EXPECT_EQ(mixouts[0].mode, MIX_OUT_UNUSED);
-}
-
 TEST_F(XptEmpty, GainOfMinus100dBMutesButKeepsTheFlow)
 {
     const pelod_xpt mute = xp("spk", "a", -1, -100.0f), soft = xp("spk", "a", -1, -6.0f);
     pelod_xpt_add(&mute);
     EXPECT_EQ(mix_gain[0][0], 0.0f);
-    EXPECT_EQ(mixouts[0].mode, MIX_OUT_UNUSED);
-    EXPECT_TRUE(used(0));
+    EXPECT_EQ(routing(), "0:a | spk=- | 1 sk");
     pelod_xpt_add(&soft); // a reload that changed only the gain
     EXPECT_FLOAT_EQ(mix_gain[0][0], 0.501187f);
-    EXPECT_FALSE(used(1));
+    EXPECT_EQ(routing(), "0:a | spk=0 | 1 sk");
 }
 
 TEST_F(XptEmpty, InterfaceChangeReopensDestinationChangeDoesNot)
@@ -141,20 +136,16 @@ TEST_F(XptEmpty, InterfaceChangeReopensDestinationChangeDoesNot)
 
 TEST_F(XptEmpty, PruneKeepsMixesOfOutgoingStreams)
 {
-    const pelod_xpt a = xp("spk", "a"), b = xp("line", "a"), c = xp("rec", "a");
-    pelod_xpt_add(&a);
-    pelod_xpt_add(&b);
-    pelod_xpt_add(&c);
+    const pelod_xpt x[] = {xp("spk", "a"), xp("line", "a"), xp("rec", "a")};
+    for (const pelod_xpt &e : x)
+        pelod_xpt_add(&e);
     rtp_src s{};
     s.nchn = 2;
     s.mix[1] = 1; // mix[0] = 0: "spk"
     rtp_srcs = &s;
-    pelod_xpt_del(&a);
-    pelod_xpt_del(&b);
-    pelod_xpt_del(&c);
-    EXPECT_STREQ(mixouts[0].id, "spk");
-    EXPECT_STREQ(mixouts[1].id, "line");
-    EXPECT_EQ(mixouts[2].id[0], '\0');
+    for (const pelod_xpt &e : x)
+        pelod_xpt_del(&e);
+    EXPECT_EQ(routing(), "| spk=- line=- | 0 sk");
     s.nchn = 1;
     debug = 1;
     testing::internal::CaptureStdout();
@@ -190,14 +181,12 @@ TEST(XptDebug, FlowLineNamesChannelAndProcessing)
         debug_print_flow('+', &d);
         return testing::internal::GetCapturedStdout();
     };
-    EXPECT_EQ(line(1), "+ flow 239.192.1.2:5004 #258 on 10.0.0.9 pdly 96 R -> 3\n");
-    EXPECT_EQ(line(3), "+ flow 239.192.1.2:5004 #258 on 10.0.0.9 pdly 96 4 -> 3\n");
-    EXPECT_EQ(line(12), "+ flow 239.192.1.2:5004 #258 on 10.0.0.9 pdly 96 ? -> 3\n"); // never past the table
+    const std::string head = "+ flow 239.192.1.2:5004 #258 on 10.0.0.9 pdly 96 ";
+    EXPECT_EQ(line(1) + line(3) + line(12), head + "R -> 3\n" + head + "4 -> 3\n" + head + "? -> 3\n"); // 12: never past the table
     d.vox = {0.5f, 1000, 1};
     d.eaec_source = 2;
     d.eaec_frame_length = 480;
-    EXPECT_EQ(line(-1), "+ flow 239.192.1.2:5004 #258 on 10.0.0.9 pdly 96 D -> 3 ec 2 (frame 480)"
-                        " vox(t:0.500000 h:1000 gate:on)\n");
+    EXPECT_EQ(line(-1), head + "D -> 3 ec 2 (frame 480) vox(t:0.500000 h:1000 gate:on)\n");
     d.ep.sa_bind.sin_addr.s_addr = INADDR_NONE;
     EXPECT_EQ(line(0), "");
 }

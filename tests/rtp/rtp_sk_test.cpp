@@ -1,9 +1,12 @@
+#include "rtp/rtp_sk.h"
+
 #include "daemon/grace.h"
 #include "daemon/pelod.h"
 #include "routing/xpt.h"
-#include "rtp/rtp_sk.h"
 #include "rtp/rtp_src.h"
 #include "support/emulation.h"
+#include "support/proc.h"
+#include "support/rtp_wire.h"
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -32,31 +35,16 @@ int sockets()
     return n;
 }
 
-std::string sh(const std::string &cmd)
-{
-    std::string out;
-    char buf[512];
-    FILE *p = popen(cmd.c_str(), "r");
-    while (size_t n = fread(buf, 1, sizeof buf, p))
-        out.append(buf, n);
-    pclose(p);
-    return out;
-}
+std::string sh(const std::string &cmd) { return run_prog({"/bin/sh", "-c", cmd}).out; }
 
 // State: no socket, no outgoing stream; flows as at start-up. Endpoints
 // are those of flows, since only flows and streams keep a socket alive.
 class RtpSk : public ::testing::Test {
 protected:
-    int port = 0;
+    const int port = udp_free_port();
+    const std::string p = std::to_string(port);
     void SetUp() override
     {
-        const int fd = socket(AF_INET, SOCK_DGRAM, 0); // a port the kernel hands out
-        sockaddr_in a{AF_INET, 0, {ip("127.0.0.1")}, {}};
-        socklen_t len = sizeof a;
-        bind(fd, reinterpret_cast<sockaddr *>(&a), len);
-        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len);
-        close(fd);
-        port = ntohs(a.sin_port);
         ASSERT_TRUE(dlist_empty(&rtp_sk_all));
         for (int i = 0; i < RTP_DST_MAX; i++)
             dst_init(&rtp_dsts[i], i);
@@ -73,11 +61,12 @@ protected:
     static void open(int i, const rtp_ep_spec &s) { rtp_ep_open(&rtp_dsts[i].ep, &s, &rtp_dsts[i]); }
     static void shut(int i) { rtp_ep_close(&rtp_dsts[i].ep); }
     static rtp_sk *sk(int i) { return rtp_dsts[i].ep.sk; }
-    std::string p() const { return std::to_string(port); }
 };
 
 TEST_F(RtpSk, EqualBindSharesASocketBucketedByDestination)
 {
+    debug = 1;
+    testing::internal::CaptureStdout();
     open(0, endpoint("127.0.0.1", port, "127.0.0.1"));
     open(1, endpoint("0.0.0.0", port, "127.0.0.1")); // wildcard destination
     open(2, endpoint("127.0.0.1", port, "127.0.0.2"));
@@ -85,12 +74,19 @@ TEST_F(RtpSk, EqualBindSharesASocketBucketedByDestination)
     EXPECT_EQ(sockets(), 2);
     EXPECT_EQ(sk(0), sk(1));
     EXPECT_EQ(sk(3), nullptr);
-    EXPECT_EQ(sk(0)->rtp_sk_ep_list_ip_dst_hash[1].next, &rtp_dsts[0].ep.rtp_sk_ep_list);
-    EXPECT_EQ(sk(0)->rtp_sk_ep_list_ip_dst_hash[0].next, &rtp_dsts[1].ep.rtp_sk_ep_list);
+    debug_print_sk(sk(0));
     shut(0);
     EXPECT_EQ(sockets(), 2);
     shut(1);
     EXPECT_EQ(sockets(), 1);
+    char e0[20], e1[20];
+    snprintf(e0, sizeof e0, "%lX", reinterpret_cast<unsigned long>(&rtp_dsts[0].ep));
+    snprintf(e1, sizeof e1, "%lX", reinterpret_cast<unsigned long>(&rtp_dsts[1].ep));
+    const std::string a = "127.0.0.1:" + p;
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "+ sock " + a + "\n+ sock 127.0.0.2:" + p + "\nSK " + a +
+                                                          ":\nSK " + a + " #00: " + e1 + "|0.0.0.0:" + p + "@" + a +
+                                                          "\nSK " + a + " #01: " + e0 + "|" + a + "@" + a +
+                                                          "\n- sock " + a + "\n");
 }
 
 TEST_F(RtpSk, BindFailureIsReportedAndTheSocketStillMade)
@@ -116,24 +112,6 @@ TEST_F(RtpSk, OutgoingStreamKeepsTheSocket)
     EXPECT_EQ(fcntl(s.ep.sk->fd, F_GETFD), 0);
     rtp_ep_close(&s.ep);
     EXPECT_EQ(sockets(), 0);
-}
-
-TEST_F(RtpSk, DebugLinesForSocketsAndBuckets)
-{
-    debug = 1;
-    testing::internal::CaptureStdout();
-    open(0, endpoint("127.0.0.1", port, "127.0.0.1"));
-    open(1, endpoint("0.0.0.0", port, "127.0.0.1"));
-    debug_print_sk(sk(0));
-    shut(0);
-    shut(1);
-    char e0[20], e1[20];
-    snprintf(e0, sizeof e0, "%lX", reinterpret_cast<unsigned long>(&rtp_dsts[0].ep));
-    snprintf(e1, sizeof e1, "%lX", reinterpret_cast<unsigned long>(&rtp_dsts[1].ep));
-    const std::string a = "127.0.0.1:" + p();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "+ sock " + a + "\nSK " + a + ":\nSK " + a + " #00: " + e1 +
-                                                          "|0.0.0.0:" + p() + "@" + a + "\nSK " + a + " #01: " +
-                                                          e0 + "|" + a + "@" + a + "\n- sock " + a + "\n");
 }
 
 // The cycle may be inside recvmmsg on the socket: it is unlinked at once
@@ -173,11 +151,14 @@ protected:
         ASSERT_EQ(unshare(CLONE_NEWNET), 0);
         ASSERT_EQ(system("ip link add pv0 type veth peer name pv1 && ip addr add 10.9.0.1/24 dev pv0 &&"
                          " ip addr add 10.9.1.1/24 dev pv1 && ip link set pv0 up && ip link set pv1 up"), 0);
+        debug = 1;
+        testing::internal::CaptureStdout();
     }
     void TearDown() override
     {
         if (home < 0)
             return;
+        testing::internal::GetCapturedStdout();
         RtpSk::TearDown();
         setns(home, CLONE_NEWNET);
         close(home);
@@ -195,6 +176,13 @@ protected:
         char b[4];
         return poll(&pf, 1, 200) == 1 && recv(fd, b, sizeof b, MSG_DONTWAIT) == 1;
     }
+    // The debug lines so far; capturing goes on.
+    static std::string debug_lines()
+    {
+        const std::string s = testing::internal::GetCapturedStdout();
+        testing::internal::CaptureStdout();
+        return s;
+    }
 };
 
 TEST_F(RtpSkMcast, OneSocketPerPortAndInterface)
@@ -205,17 +193,17 @@ TEST_F(RtpSkMcast, OneSocketPerPortAndInterface)
     EXPECT_EQ(sockets(), 2);
     ASSERT_EQ(sk(0), sk(1));
     EXPECT_EQ(sk(0)->sa_bind.sin_addr.s_addr, INADDR_ANY);
-    EXPECT_EQ(sk(0)->mcif_addr, ip("10.9.0.1"));
     EXPECT_EQ(sk(0)->rtp_sk_ep_list_ip_dst_hash[5].next, &rtp_dsts[1].ep.rtp_sk_ep_list);
     EXPECT_EQ(rtp_dsts[0].ep.backoff_cnt, RTP_BACKOFF_ARMED);
     EXPECT_NE(sh("ip maddr show dev pv0").find("239.192.0.37"), std::string::npos);
     EXPECT_NE(sh("ip maddr show dev pv1").find("239.192.0.5"), std::string::npos);
+    const std::string s = " sock 0.0.0.0:" + p + " mcif 10.9.";
+    EXPECT_EQ(debug_lines(), "+" + s + "0.1\n+ mgrp 239.192.0.5 #5 on 10.9.0.1\n+ mgrp 239.192.0.37 #37 on 10.9.0.1\n+" +
+                                 s + "1.1\n+ mgrp 239.192.0.5 #5 on 10.9.1.1\n");
 }
 
 TEST_F(RtpSkMcast, GroupIsJoinedOnceAndLeftWithTheLastEndpoint)
 {
-    debug = 1;
-    testing::internal::CaptureStdout();
     open(0, endpoint("239.192.0.5", port, "10.9.0.1"));
     open(1, endpoint("239.192.0.5", port, "10.9.0.1"));
     open(2, endpoint("239.192.0.6", port, "10.9.0.1"));
@@ -227,25 +215,21 @@ TEST_F(RtpSkMcast, GroupIsJoinedOnceAndLeftWithTheLastEndpoint)
     EXPECT_FALSE(arrives(fd, "239.192.0.5"));
     EXPECT_TRUE(arrives(fd, "239.192.0.6"));
     shut(2);
-    const std::string m = " on 10.9.0.1\n", s = " sock 0.0.0.0:" + p() + " mcif 10.9.0.1\n";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "+" + s + "+ mgrp 239.192.0.5 #5" + m +
-                                                          "+ mgrp 239.192.0.6 #6" + m + "- mgrp 239.192.0.5 #5" +
-                                                          m + "- mgrp 239.192.0.6 #6" + m + "-" + s);
+    const std::string m = " on 10.9.0.1\n", s = " sock 0.0.0.0:" + p + " mcif 10.9.0.1\n";
+    EXPECT_EQ(debug_lines(), "+" + s + "+ mgrp 239.192.0.5 #5" + m + "+ mgrp 239.192.0.6 #6" + m + "- mgrp 239.192.0.5 #5" +
+                                 m + "- mgrp 239.192.0.6 #6" + m + "-" + s);
 }
 
 TEST_F(RtpSkMcast, SsmPairsAreSeparateMemberships)
 {
-    debug = 1;
-    testing::internal::CaptureStdout();
     open(0, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.7"));
     open(1, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.7"));
     open(2, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.8"));
     shut(2);
-    const std::string filters = sh("cat /proc/net/mcfilter");
+    const std::string filters = read_file("/proc/net/mcfilter");
     EXPECT_NE(filters.find("0xe8010203 0x0a090007      1"), std::string::npos);
     EXPECT_EQ(filters.find("0x0a090008"), std::string::npos);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "+ sock 0.0.0.0:" + p() + " mcif 10.9.0.1\n+ mgrp 232.1.2.3 from 10.9.0.7 on 10.9.0.1\n"
-              "+ mgrp 232.1.2.3 from 10.9.0.8 on 10.9.0.1\n- mgrp 232.1.2.3 from 10.9.0.8 on 10.9.0.1\n");
+    EXPECT_EQ(debug_lines(), "+ sock 0.0.0.0:" + p + " mcif 10.9.0.1\n+ mgrp 232.1.2.3 from 10.9.0.7 on 10.9.0.1\n"
+                             "+ mgrp 232.1.2.3 from 10.9.0.8 on 10.9.0.1\n- mgrp 232.1.2.3 from 10.9.0.8 on 10.9.0.1\n");
 }
 } // namespace

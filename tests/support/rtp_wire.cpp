@@ -1,0 +1,56 @@
+#include "support/rtp_wire.h"
+
+#include <arpa/inet.h>
+#include <ctime>
+#include <sys/socket.h>
+#include <unistd.h>
+
+int udp_loopback(sockaddr_in *bound)
+{
+    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t len = sizeof a;
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&a), len) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &len) != 0) {
+        close(fd);
+        return -1;
+    }
+    if (bound)
+        *bound = a;
+    return fd;
+}
+
+uint16_t udp_free_port()
+{
+    sockaddr_in a{};
+    close(udp_loopback(&a));
+    return ntohs(a.sin_port);
+}
+
+std::vector<uint8_t> rtp_datagram(uint16_t seq, uint32_t ts, const std::vector<uint8_t> &payload, int pt, bool marker, uint32_t ssrc)
+{
+    std::vector<uint8_t> p = {0x80, uint8_t((marker ? 0x80 : 0) | pt), uint8_t(seq >> 8), uint8_t(seq)};
+    for (uint32_t w : {ts, ssrc})
+        p.insert(p.end(), {uint8_t(w >> 24), uint8_t(w >> 16), uint8_t(w >> 8), uint8_t(w)});
+    p.insert(p.end(), payload.begin(), payload.end());
+    return p;
+}
+
+std::vector<uint8_t> pcm24(const std::vector<int32_t> &samples)
+{
+    std::vector<uint8_t> b;
+    for (int32_t x : samples)
+        b.insert(b.end(), {uint8_t(x >> 16), uint8_t(x >> 8), uint8_t(x)});
+    return b;
+}
+
+uint16_t be16(const uint8_t *p) { return uint16_t(p[0] << 8 | p[1]); }
+uint32_t be32(const uint8_t *p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
+int32_t be24(const uint8_t *p) { return int32_t(uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8) >> 8; }
+
+uint32_t media_clock_now()
+{
+    timespec t{};
+    clock_gettime(CLOCK_TAI, &t);
+    return uint32_t(uint64_t(t.tv_sec) * 48000 + uint64_t(t.tv_nsec) * 3 / 62500);
+}
