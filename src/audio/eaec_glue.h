@@ -1,15 +1,29 @@
 // The echo canceller on flows: library start-up, per-flow set-up and the
-// per-cycle gathering of 48-sample blocks into 480-sample frames.
+// per-cycle gathering of 48-sample blocks into frames.
+//
+// A flow with a canceller has its mix input replaced, in place in the
+// ring, by the canceller's output one frame (480 samples) later; the
+// reference is the chosen mix output of the previous block (mix_out).
 #pragma once
 #include <cstdint>
 
 struct rtp_dst;
 
-// [init] Library start-up hook and the "eaec lib:" lines under "-d".
+// [init] Runs the library's start-up hook and, under "-d", prints one
+// "eaec lib: <title> <version> (<version number>) <date> <time>" line per
+// registered library record.
 void eaec_lib_init();
-// [sup] Gives flow dst a canceller referenced to mix output `source`
-// (-1: none); tears down the old one after a grace period.
+// [sup] Gives flow dst a canceller referenced to mix output `source`, or
+// none for -1; nothing happens when the reference is unchanged. A running
+// canceller is first disabled (eaec_source -1, published), then freed
+// after grace_wait(); the new one is fully set up (objects, frame length,
+// position 0, a silent output frame) before eaec_source is published.
+// When the library refuses (eaec_init status), the flow is left without a
+// canceller and "pelod: eaec_init status N" goes to standard error. This
+// is also the tear-down the routing uses (source -1).
 void dst_eaec_setup(rtp_dst *dst, int source);
-// [rt] Every flow with a canceller: swap this block in, process a frame
-// each 480 samples.
+// [rt] For every flow with a canceller: stores this block's reference and
+// microphone samples as 16-bit (truncated, wrapping like f2int16), puts the
+// output of the previous frame back at the same ring positions, and
+// processes the frame when its 480 samples are complete.
 void eaec_run(uint32_t rtp_ts) noexcept;

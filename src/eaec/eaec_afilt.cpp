@@ -1,0 +1,134 @@
+#include "eaec/eaec_afilt.h"
+
+#include "eaec/eaec_v4.h"
+
+#include <cmath>
+#include <cstring>
+
+void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *a_re, const float *a_im,
+                        const float *b_re, const float *b_im, float *ya_re, float *ya_im, float *yb_re,
+                        float *yb_im) noexcept
+{
+    const int kp = p->kpad, np = p->npart;
+    const float *xr_rows[EAEC_PART_MAX], *xi_rows[EAEC_PART_MAX];
+    for (int part = 0, slot = s->head; part < np; part++, slot = slot ? slot - 1 : np - 1) {
+        xr_rows[part] = s->x_re + slot * kp;
+        xi_rows[part] = s->x_im + slot * kp;
+    }
+    const int kad = p->kadapt;
+    for (int k = kad; k < kp; k += 4) {
+        v4_store(ya_re + k, v4_dup(0.0f));
+        v4_store(ya_im + k, v4_dup(0.0f));
+        v4_store(yb_re + k, v4_dup(0.0f));
+        v4_store(yb_im + k, v4_dup(0.0f));
+    }
+    // Bins outermost: the four sums stay in registers across partitions.
+    for (int k = 0; k < kad; k += 4) {
+        v4 sar = v4_dup(0.0f), sai = sar, sbr = sar, sbi = sar;
+        for (int part = 0; part < np; part++) {
+            const int o = part * kp + k;
+            const v4 u = v4_load(xr_rows[part] + k), v = v4_load(xi_rows[part] + k);
+            const v4 war = v4_load(a_re + o), wai = v4_load(a_im + o), wbr = v4_load(b_re + o), wbi = v4_load(b_im + o);
+            sar = v4_add(sar, v4_mms(war, u, wai, v));
+            sai = v4_add(sai, v4_mma(war, v, wai, u));
+            sbr = v4_add(sbr, v4_mms(wbr, u, wbi, v));
+            sbi = v4_add(sbi, v4_mma(wbr, v, wbi, u));
+        }
+        v4_store(ya_re + k, sar);
+        v4_store(ya_im + k, sai);
+        v4_store(yb_re + k, sbr);
+        v4_store(yb_im + k, sbi);
+    }
+}
+
+int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *g_re,
+                 const float *g_im) noexcept
+{
+    const int kp = p->kpad, np = p->npart;
+    float total = 0.0f;
+    int slot = s->head;
+    for (int part = 0; part < np; part++) {
+        float *wr = c->w_re + part * kp, *wi = c->w_im + part * kp;
+        const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
+        const v4 f = v4_dup(c->part_gain[part]);
+        v4 energy = v4_dup(0.0f);
+        for (int k = 0; k < p->kadapt; k += 4) {
+            const v4 u = v4_load(xr + k), v = v4_load(xi + k), gr = v4_load(g_re + k), gi = v4_load(g_im + k);
+            const v4 nr = v4_add(v4_load(wr + k), v4_mul(f, v4_mma(u, gr, v, gi)));
+            const v4 ni = v4_add(v4_load(wi + k), v4_mul(f, v4_mms(u, gi, v, gr)));
+            v4_store(wr + k, nr);
+            v4_store(wi + k, ni);
+            energy = v4_add(energy, v4_mma(nr, nr, ni, ni));
+        }
+        float lanes[4];
+        v4_storeu(lanes, energy);
+        c->part_norm[part] = std::sqrt((lanes[0] + lanes[1]) + (lanes[2] + lanes[3]));
+        total += c->part_norm[part];
+        slot = slot ? slot - 1 : np - 1;
+    }
+    return std::isfinite(total) ? 0 : -1;
+}
+
+void afilt_part_gains(const eaec_params *p, eaec_chan *c, float share) noexcept
+{
+    const int np = p->npart;
+    float total = 0.0f;
+    for (int part = 0; part < np; part++)
+        total += c->part_norm[part];
+    // Half even (or all of it, before the filter holds anything), half in
+    // proportion to each partition's share of the filter: the early,
+    // strong part of a room response converges first.
+    const float even = total > 0.0f ? (1.0f - share) / float(np) : 1.0f / float(np);
+    const float prop = total > 0.0f ? share / total : 0.0f;
+    for (int part = 0; part < np; part++)
+        c->part_gain[part] = even + prop * c->part_norm[part];
+}
+
+void afilt_weighted_norm(const eaec_params *p, const eaec_state *s, const eaec_chan *c, float *norm) noexcept
+{
+    const int kp = p->kpad, np = p->npart;
+    for (int k = 0; k < kp; k += 4)
+        v4_store(norm + k, v4_dup(0.0f));
+    for (int part = 0, slot = s->head; part < np; part++, slot = slot ? slot - 1 : np - 1) {
+        const float *xp = s->x_pow + slot * kp;
+        const v4 g = v4_dup(c->part_gain[part]);
+        for (int k = 0; k < p->kadapt; k += 4)
+            v4_store(norm + k, v4_add(v4_load(norm + k), v4_mul(g, v4_load(xp + k))));
+    }
+}
+
+void afilt_copy(const eaec_params *p, const float *from_re, const float *from_im, float *to_re,
+                float *to_im) noexcept
+{
+    const size_t bytes = sizeof(float) * size_t(p->npart * p->kpad);
+    std::memcpy(to_re, from_re, bytes);
+    std::memcpy(to_im, from_im, bytes);
+}
+
+void afilt_constrain(const eaec_params *p, eaec_chan *c, float *taps, float *fw) noexcept
+{
+    const int kp = p->kpad, part = c->part_next;
+    float *wr = c->w_re + part * kp, *wi = c->w_im + part * kp;
+    eaec_irfft(&p->fft, wr, wi, taps, fw);
+    for (int t = p->hop; t < p->nfft; t++)
+        taps[t] = 0.0f;
+    eaec_rfft(&p->fft, taps, wr, wi, fw);
+    for (int k = p->kadapt; k < kp; k++)
+        wr[k] = wi[k] = 0.0f; // the cut spreads into bins the filter leaves alone
+    c->part_next = part + 1 < p->npart ? part + 1 : 0;
+}
+
+void afilt_scale(const eaec_params *p, float *w_re, float *w_im, float g) noexcept
+{
+    const int n = p->npart * p->kpad;
+    if (g == 0.0f) {
+        // A reset: multiplying would keep a NaN.
+        std::memset(w_re, 0, sizeof(float) * size_t(n));
+        std::memset(w_im, 0, sizeof(float) * size_t(n));
+        return;
+    }
+    for (int i = 0; i < n; i++) {
+        w_re[i] *= g;
+        w_im[i] *= g;
+    }
+}

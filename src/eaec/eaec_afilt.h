@@ -1,0 +1,33 @@
+// Adaptive filter of the echo canceller: a partitioned-block
+// frequency-domain filter (P partitions of N taps, overlap-save with an
+// M-point FFT) driven by the far-end spectra ring of the state. Every
+// per-bin array is kpad long (a multiple of 4) and 16-byte aligned.
+#pragma once
+#include "eaec/eaec_core.h"
+
+// [rt] Both filters' echo spectra in one pass over the far-end ring:
+// ya from partitions a, yb from partitions b.
+void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *a_re, const float *a_im,
+                        const float *b_re, const float *b_im, float *ya_re, float *ya_im, float *yb_re,
+                        float *yb_im) noexcept;
+// [rt] Copies all partitions from one filter to the other.
+void afilt_copy(const eaec_params *p, const float *from_re, const float *from_im, float *to_re,
+                float *to_im) noexcept;
+// [rt] W_p += f_p conj(X_(head - p)) G for every background partition,
+// where G is the step-scaled, normalised error spectrum and f_p the
+// partition's gain (part_gain). Refreshes part_norm. Returns -1 when the
+// filter is no longer finite (the caller resets it).
+int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *g_re,
+                 const float *g_im) noexcept;
+// [rt] Partition gains from the background's partition norms: a fraction
+// `share` in proportion to the norms, the rest even; they sum to 1.
+void afilt_part_gains(const eaec_params *p, eaec_chan *c, float share) noexcept;
+// [rt] norm[k] = sum_p f_p |X_(head - p)|^2: the normaliser that goes with
+// the partition gains.
+void afilt_weighted_norm(const eaec_params *p, const eaec_state *s, const eaec_chan *c, float *norm) noexcept;
+// [rt] Cuts partition c->part_next back to N taps (the gradient leaves it
+// circular) and moves on to the next one. taps: M floats; fft_work:
+// EAEC_FFT_WORK floats.
+void afilt_constrain(const eaec_params *p, eaec_chan *c, float *taps, float *fft_work) noexcept;
+// [rt] Scales every partition of w by g (a reset with g = 0).
+void afilt_scale(const eaec_params *p, float *w_re, float *w_im, float g) noexcept;

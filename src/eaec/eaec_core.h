@@ -1,0 +1,100 @@
+// Inside of the echo canceller: the parameter and state objects that
+// eaec_init derives, and the steps of one frame.
+//
+// Signal path of one frame (hop N, window 2N, FFT M >= 2N, K = M/2 + 1):
+//   far-end x -> spectrum of the last M samples -> ring of P spectra
+//   echo estimate y = last N samples of IFFT(sum_p W_p X_p)  (overlap-save)
+//   error e = mic - y; W_p += mu_k conj(X_p) E / norm_k     (PBFDAF)
+//   the filter covers 0..12 kHz; above, echo is only suppressed
+//   two filters: the background adapts, the foreground (a copy taken
+//   while the background does clearly better) makes the output, so double
+//   talk cannot throw the output filter off
+//   e and y -> sqrt-Hann analysis -> residual-echo and noise suppression
+//   -> synthesis, overlap-add -> 16-bit output, one hop later.
+//
+// Single-precision float throughout: the far-end power spans more than
+// 90 dB and the filter's per-bin normalisation would need block-floating
+// scaling in fixed point; float keeps the code short and exact enough,
+// and the board's NEON unit runs four float lanes.
+#pragma once
+#include "eaec/eaec.h"
+#include "eaec/eaec_fft.h"
+
+#include <cstddef>
+#include <cstdint>
+
+inline constexpr int EAEC_HOP_MAX = 512;
+inline constexpr int EAEC_KPAD_MAX = (EAEC_BIN_MAX + 3) & ~3; // 516
+inline constexpr int EAEC_CHAN_MAX = 2;
+inline constexpr int EAEC_TAIL_MS = 200;  // echo tail covered after the bulk delay
+inline constexpr int EAEC_ADAPT_HZ = 12000; // upper edge of the adaptive filter's band
+inline constexpr int EAEC_PART_MAX = 64;
+inline constexpr int EAEC_LAGS = 3; // frame lags tried by the coherence
+
+struct eaec_params {
+    int sfreq, nspk, nmic;
+    int hop;          // N: samples per frame
+    int win;          // 2N: analysis window
+    int nfft;         // M
+    int nbin;         // K = M/2 + 1
+    int kpad;         // K rounded up to 4: row length of every per-bin array
+    int kadapt;       // bins the adaptive filter covers (a multiple of 4)
+    int npart;        // P: filter partitions of N taps each
+    int delay_frames; // sigdelay in frames
+    float floor_echo; // power floor of the residual-echo gain, 10^(aec/10)
+    float floor_noise;// power floor of the noise gain, 10^(nc/10)
+    float reg;        // regularisation of the filter's normalisation (absolute part)
+    float reg_noise;  // ... and the part relative to the microphone noise of the bin
+    float far_active; // far-end frame energy above which the filter adapts
+    float mu_max, mu_init;
+    float window[2 * EAEC_HOP_MAX]; // sqrt-Hann, analysis and synthesis
+    eaec_fft_plan fft;
+};
+
+// One microphone channel: its adaptive filter and suppressor state.
+struct eaec_chan {
+    float *w_re, *w_im;                // P rows of kpad: background filter (adapts)
+    float *f_re, *f_im;                // foreground filter (makes the output)
+    float err_bg, err_fg, err_mic;     // smoothed error energies of the two, and the mic's
+    float part_norm[EAEC_PART_MAX];    // |W_p| of the background
+    float part_gain[EAEC_PART_MAX];    // step share of each partition (sum 1)
+    float e_hist[EAEC_HOP_MAX];        // previous frame's error and echo
+    float y_hist[EAEC_HOP_MAX];        //   estimate (first window half)
+    float ola[EAEC_HOP_MAX];           // synthesis overlap
+    alignas(16) float s_ee[EAEC_KPAD_MAX], s_yy[EAEC_KPAD_MAX]; // smoothed powers
+    alignas(16) float m_e[EAEC_KPAD_MAX], m_y[EAEC_KPAD_MAX];   // slow means for the leak
+    alignas(16) float r_ey[EAEC_KPAD_MAX], r_yy[EAEC_KPAD_MAX]; // leak regression
+    alignas(16) float noise[EAEC_KPAD_MAX];        // noise power estimate
+    alignas(16) float sxx[EAEC_LAGS][EAEC_KPAD_MAX];    // far-end power, per lag in frames
+    alignas(16) float sxe_re[EAEC_LAGS][EAEC_KPAD_MAX]; // far-end/error cross spectrum
+    alignas(16) float sxe_im[EAEC_LAGS][EAEC_KPAD_MAX];
+    alignas(16) float coh_echo[EAEC_KPAD_MAX];     // error power coherent with the far end
+    alignas(16) float snr_prev[EAEC_KPAD_MAX];     // decision-directed memory
+    float leak;                        // residual echo / echo estimate power
+    int leak_valid;
+    int part_next;                     // next partition to constrain
+    uint32_t rng;                      // comfort noise
+};
+
+struct eaec_state {
+    uint32_t frames;
+    int head;                         // ring slot of the newest far-end spectrum
+    float *x_re, *x_im, *x_pow;       // P rows of kpad: far-end spectra and powers
+    float x_hist[EAEC_FFT_MAX];       // last M far-end samples
+    eaec_chan *chan[EAEC_CHAN_MAX];
+};
+
+// [sup] Fills the derived part of a cleared parameter object from a
+// validated configuration and its frame set-up.
+void eaec_derive(eaec_params *p, const EAEC_CONFIG *cfg, int hop, int nfft);
+// [sup] Allocates the state's buffers (ring and one channel per
+// microphone). Returns -1 when an allocation fails; eaec_free_state then
+// frees what was made.
+int eaec_alloc_state(const eaec_params *p, eaec_state *s);
+void eaec_free_state(const eaec_params *p, eaec_state *s);
+// [sup] Sets a freshly allocated state to its starting values.
+void eaec_reset_state(const eaec_params *p, eaec_state *s);
+
+// Library platform layer: aligned, zero-filled allocation and its release.
+void *eaec_calloc(size_t bytes);
+void eaec_free(void *ptr);

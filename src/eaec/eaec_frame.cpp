@@ -1,0 +1,319 @@
+#include "eaec/eaec_afilt.h"
+#include "eaec/eaec_core.h"
+#include "eaec/eaec_supp.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <type_traits>
+
+static_assert(std::is_trivially_copyable_v<eaec_params> && std::is_trivially_copyable_v<eaec_state>);
+static_assert(std::is_trivially_copyable_v<eaec_chan>);
+
+namespace {
+constexpr float PCM_IN = 1.0f / 32768.0f;
+constexpr float PCM_OUT = 32768.0f;
+constexpr float TWO_PATH_RATE = 0.3f;   // error energy smoothing per frame
+constexpr float TWO_PATH_BETTER = 0.7f; // background 1.5 dB better: copy it
+constexpr float TWO_PATH_WORSE = 8.0f;  // background 9 dB worse: reset it
+constexpr int CONSTRAIN_PER_FRAME = 1;  // partitions cut back to N taps per frame
+constexpr float PROPORTIONATE_SHARE = 0.5f; // of the step, by partition norm
+
+// The process-wide scratch area: one frame at a time borrows it (the
+// real-time cycle is the only caller), so no frame allocates.
+constexpr int SPECTRA = 10; // per-bin rows below
+constexpr int SCRATCH_FLOATS = EAEC_FFT_WORK + 4 * EAEC_FFT_MAX + SPECTRA * EAEC_KPAD_MAX;
+alignas(64) float scratch[SCRATCH_FLOATS];
+
+struct frame_scratch {
+    float *work;     // FFT work area
+    float *t0, *t1, *t2, *t3;
+    float *y_re, *y_im;   // filter output spectrum
+    float *es_re, *es_im; // analysis spectrum of the error
+    float *ys_re, *ys_im; // analysis spectrum of the echo estimate
+    float *g_re, *g_im;   // step-scaled error spectrum
+    float *mu, *pe;
+};
+
+frame_scratch borrow_scratch()
+{
+    frame_scratch f{};
+    float *q = scratch;
+    f.work = q; q += EAEC_FFT_WORK;
+    f.t0 = q; q += EAEC_FFT_MAX;
+    f.t1 = q; q += EAEC_FFT_MAX;
+    f.t2 = q; q += EAEC_FFT_MAX;
+    f.t3 = q; q += EAEC_FFT_MAX;
+    float **rows[SPECTRA] = {&f.y_re, &f.y_im, &f.es_re, &f.es_im, &f.ys_re,
+                             &f.ys_im, &f.g_re, &f.g_im, &f.mu, &f.pe};
+    for (float **r : rows) {
+        *r = q;
+        q += EAEC_KPAD_MAX;
+    }
+    return f;
+}
+
+// Windowed analysis of [previous half, current half] into a spectrum.
+void analyse(const eaec_params *p, const float *prev, const float *cur, float *buf, float *re, float *im,
+             float *work) noexcept
+{
+    const int n = p->hop;
+    for (int i = 0; i < n; i++) {
+        buf[i] = prev[i] * p->window[i];
+        buf[n + i] = cur[i] * p->window[n + i];
+    }
+    for (int i = p->win; i < p->nfft; i++)
+        buf[i] = 0.0f;
+    eaec_rfft(&p->fft, buf, re, im, work);
+    for (int k = p->nbin; k < p->kpad; k++)
+        re[k] = im[k] = 0.0f; // the per-bin loops run over the padding too
+}
+
+int16_t to_pcm(float v) noexcept
+{
+    const float s = v * PCM_OUT;
+    if (!(s > -32768.0f))
+        return s != s ? 0 : -32768;
+    if (s >= 32767.0f)
+        return 32767;
+    return int16_t(std::lrint(s));
+}
+
+void chan_reset(const eaec_params *p, eaec_chan *c, int index)
+{
+    float *bufs[4] = {c->w_re, c->w_im, c->f_re, c->f_im};
+    std::memset(c, 0, sizeof *c);
+    c->w_re = bufs[0];
+    c->w_im = bufs[1];
+    c->f_re = bufs[2];
+    c->f_im = bufs[3];
+    for (float *b : bufs)
+        std::memset(b, 0, sizeof(float) * size_t(p->npart * p->kpad));
+    c->leak = 1.0f;
+    c->rng = 0x2545F491u + uint32_t(index) * 0x9E3779B9u;
+    for (int k = 0; k < EAEC_KPAD_MAX; k++)
+        c->noise[k] = 1.0f; // falls to the first frames' level at once
+}
+
+void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const short *mic, INT_PCM *out,
+                     int far_active, const frame_scratch &f) noexcept
+{
+    const int n = p->hop, m = p->nfft, nb = p->nbin;
+    // Two echo estimates (overlap-save: the last N samples): the background
+    // filter adapts at full speed and may be thrown off by double talk; the
+    // foreground filter makes the output and takes the background's
+    // weights only while they do clearly better.
+    afilt_echo_spectra(p, s, c->w_re, c->w_im, c->f_re, c->f_im, f.y_re, f.y_im, f.g_re, f.g_im);
+    eaec_irfft(&p->fft, f.y_re, f.y_im, f.t0, f.work);
+    float *eb = f.t3, *e = f.t1;
+    float en_b = 0.0f, en_f = 0.0f, en_d = 0.0f;
+    for (int i = 0; i < n; i++) {
+        const float d = float(mic[i]) * PCM_IN;
+        eb[i] = d - f.t0[m - n + i];
+        en_b += eb[i] * eb[i];
+        en_d += d * d;
+    }
+    eaec_irfft(&p->fft, f.g_re, f.g_im, f.t0, f.work); // the foreground's
+    float *yhat = f.t0 + (m - n);
+    for (int i = 0; i < n; i++) {
+        e[i] = float(mic[i]) * PCM_IN - yhat[i];
+        en_f += e[i] * e[i];
+    }
+    if (far_active) {
+        c->err_bg += TWO_PATH_RATE * (en_b - c->err_bg);
+        c->err_fg += TWO_PATH_RATE * (en_f - c->err_fg);
+        c->err_mic += TWO_PATH_RATE * (en_d - c->err_mic);
+        if (c->err_bg < TWO_PATH_BETTER * c->err_fg && en_b < en_f) {
+            afilt_copy(p, c->w_re, c->w_im, c->f_re, c->f_im);
+            c->err_fg = c->err_bg;
+            for (int i = 0; i < n; i++) {
+                yhat[i] += e[i] - eb[i];
+                e[i] = eb[i];
+            }
+        } else if (c->err_bg > TWO_PATH_WORSE * c->err_fg) {
+            // Double talk pulled the background away: restart it from the
+            // foreground.
+            afilt_copy(p, c->f_re, c->f_im, c->w_re, c->w_im);
+            c->err_bg = c->err_fg;
+        }
+    }
+
+    analyse(p, c->e_hist, e, f.t2, f.es_re, f.es_im, f.work);
+    analyse(p, c->y_hist, yhat, f.t2, f.ys_re, f.ys_im, f.work);
+    std::memcpy(c->e_hist, e, sizeof(float) * size_t(n));
+    std::memcpy(c->y_hist, yhat, sizeof(float) * size_t(n));
+
+    const supp_frame sf = supp_analyse(p, s, c, f.es_re, f.es_im, f.ys_re, f.ys_im, far_active, f.pe);
+    if (!std::isfinite(sf.sum_e + sf.sum_y + c->leak + c->err_fg + c->err_bg)) {
+        // Nothing should get here; if it does, start the channel afresh
+        // rather than stay silent.
+        const uint32_t rng = c->rng;
+        chan_reset(p, c, 0);
+        c->rng = rng;
+        for (int k = 0; k < p->kpad; k++)
+            f.es_re[k] = f.es_im[k] = f.pe[k] = 0.0f;
+    }
+
+    if (far_active) {
+        supp_step(p, c, f.mu);
+        for (int i = 0; i < m - n; i++)
+            f.t2[i] = 0.0f;
+        std::memcpy(f.t2 + (m - n), eb, sizeof(float) * size_t(n));
+        eaec_rfft(&p->fft, f.t2, f.g_re, f.g_im, f.work);
+        // Bins whose far end lies below the microphone noise carry mostly
+        // noise into the gradient: their steps shrink.
+        afilt_part_gains(p, c, PROPORTIONATE_SHARE);
+        float *norm = f.ys_re; // free again: the echo estimate's analysis has been used
+        afilt_weighted_norm(p, s, c, norm);
+        // The regularisation was set for the plain sum over P partitions;
+        // the weighted norm is a mean (the gains sum to 1).
+        const float inv_p = 1.0f / float(p->npart);
+        for (int k = 0; k < nb; k++) {
+            const float g = f.mu[k] / (norm[k] + inv_p * (p->reg + p->reg_noise * c->noise[k]));
+            f.g_re[k] *= g;
+            f.g_im[k] *= g;
+        }
+        for (int k = nb; k < p->kpad; k++)
+            f.g_re[k] = f.g_im[k] = 0.0f;
+        if (afilt_update(p, s, c, f.g_re, f.g_im) != 0)
+            afilt_scale(p, c->w_re, c->w_im, 0.0f);
+        for (int q = 0; q < CONSTRAIN_PER_FRAME; q++)
+            afilt_constrain(p, c, f.t2, f.work);
+    }
+
+    supp_apply(p, c, f.es_re, f.es_im, f.pe);
+    eaec_irfft(&p->fft, f.es_re, f.es_im, f.t2, f.work);
+    for (int i = 0; i < n; i++) {
+        out[i] = to_pcm(c->ola[i] + f.t2[i] * p->window[i]);
+        c->ola[i] = f.t2[n + i] * p->window[n + i];
+    }
+}
+} // namespace
+
+void eaec_lib_startup(void)
+{
+    std::memset(scratch, 0, sizeof scratch); // touched once, before the cycle runs
+}
+
+void eaec_derive(eaec_params *p, const EAEC_CONFIG *cfg, int hop, int nfft)
+{
+    p->sfreq = cfg->sfreq;
+    p->nspk = cfg->nspk;
+    p->nmic = cfg->nmic;
+    p->hop = hop;
+    p->win = 2 * hop;
+    p->nfft = nfft;
+    p->nbin = nfft / 2 + 1;
+    p->kpad = (p->nbin + 3) & ~3;
+    // The linear filter covers the speech band; echo above it is left to
+    // the suppressor (at most aec dB), which saves a third of the filter's
+    // work at 48 kHz.
+    p->kadapt = std::min(p->kpad, (int(int64_t(EAEC_ADAPT_HZ) * nfft / std::max(cfg->sfreq, 1)) + 1 + 3) & ~3);
+    // The echo-path delay in whole frames, in the order of the interface;
+    // a negative delay counts as none.
+    p->delay_frames = std::max(0, (cfg->sfreq * cfg->sigdelay / hop) / 1000);
+    const int tail = (cfg->sfreq / 1000 * EAEC_TAIL_MS + hop - 1) / hop;
+    p->npart = std::min(EAEC_PART_MAX, p->delay_frames + tail);
+    p->floor_echo = float(std::pow(10.0, cfg->aec / 10.0));
+    p->floor_noise = float(std::pow(10.0, cfg->nc / 10.0));
+    // White far-end at -90 dBFS in every partition: below it the
+    // filter's normalisation stops shrinking.
+    p->reg = float(p->npart) * float(nfft) * 1e-9f;
+    p->reg_noise = 10.0f;
+    p->far_active = float(hop) * 1e-8f; // -80 dBFS mean power
+    p->mu_max = 0.8f;
+    p->mu_init = 0.8f;
+    const double pi = 3.14159265358979323846;
+    for (int i = 0; i < p->win; i++)
+        p->window[i] = float(std::sin(pi * (i + 0.5) / p->win));
+    eaec_fft_plan_init(&p->fft, nfft);
+}
+
+int eaec_alloc_state(const eaec_params *p, eaec_state *s)
+{
+    const size_t row = sizeof(float) * size_t(p->npart * p->kpad);
+    s->x_re = static_cast<float *>(eaec_calloc(row));
+    s->x_im = static_cast<float *>(eaec_calloc(row));
+    s->x_pow = static_cast<float *>(eaec_calloc(row));
+    if (!s->x_re || !s->x_im || !s->x_pow)
+        return -1;
+    for (int i = 0; i < p->nmic; i++) {
+        auto *c = static_cast<eaec_chan *>(eaec_calloc(sizeof(eaec_chan)));
+        s->chan[i] = c;
+        if (!c)
+            return -1;
+        c->w_re = static_cast<float *>(eaec_calloc(row));
+        c->w_im = static_cast<float *>(eaec_calloc(row));
+        c->f_re = static_cast<float *>(eaec_calloc(row));
+        c->f_im = static_cast<float *>(eaec_calloc(row));
+        if (!c->w_re || !c->w_im || !c->f_re || !c->f_im)
+            return -1;
+    }
+    return 0;
+}
+
+void eaec_free_state(const eaec_params *p, eaec_state *s)
+{
+    for (int i = 0; i < p->nmic && i < EAEC_CHAN_MAX; i++) {
+        if (eaec_chan *c = s->chan[i]) {
+            eaec_free(c->w_re);
+            eaec_free(c->w_im);
+            eaec_free(c->f_re);
+            eaec_free(c->f_im);
+            eaec_free(c);
+        }
+        s->chan[i] = nullptr;
+    }
+    eaec_free(s->x_re);
+    eaec_free(s->x_im);
+    eaec_free(s->x_pow);
+    s->x_re = s->x_im = s->x_pow = nullptr;
+}
+
+void eaec_reset_state(const eaec_params *p, eaec_state *s)
+{
+    s->frames = 0;
+    s->head = 0;
+    std::memset(s->x_hist, 0, sizeof s->x_hist);
+    const size_t row = sizeof(float) * size_t(p->npart * p->kpad);
+    std::memset(s->x_re, 0, row);
+    std::memset(s->x_im, 0, row);
+    std::memset(s->x_pow, 0, row);
+    for (int i = 0; i < p->nmic; i++)
+        chan_reset(p, s->chan[i], i);
+}
+
+void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state, const short *spk,
+                       const short *mic, INT_PCM *out)
+{
+    if (!params || !state)
+        return;
+    const eaec_params *p = params;
+    eaec_state *s = state;
+    const frame_scratch f = borrow_scratch();
+    const int n = p->hop, m = p->nfft, kp = p->kpad, nb = p->nbin;
+
+    // Far end: the speaker channels mixed to one reference.
+    std::memmove(s->x_hist, s->x_hist + n, sizeof(float) * size_t(m - n));
+    float *xn = s->x_hist + (m - n);
+    float energy = 0.0f;
+    for (int i = 0; i < n; i++) {
+        float v = float(spk[i]);
+        if (p->nspk == 2)
+            v = 0.5f * (v + float(spk[n + i]));
+        xn[i] = v * PCM_IN;
+        energy += xn[i] * xn[i];
+    }
+    const int far_active = energy > p->far_active;
+
+    s->head = s->head + 1 < p->npart ? s->head + 1 : 0;
+    float *xr = s->x_re + s->head * kp, *xi = s->x_im + s->head * kp, *xp = s->x_pow + s->head * kp;
+    eaec_rfft(&p->fft, s->x_hist, xr, xi, f.work);
+    for (int k = 0; k < nb; k++)
+        xp[k] = xr[k] * xr[k] + xi[k] * xi[k];
+
+
+    for (int ch = 0; ch < p->nmic; ch++)
+        process_channel(p, s, s->chan[ch], mic + ch * n, out + ch * n, far_active, f);
+    s->frames++;
+}

@@ -1,0 +1,37 @@
+// Residual-echo and noise suppression of the echo canceller, on the
+// sqrt-Hann analysis spectra of the error (E) and of the echo estimate (Y).
+//
+// Residual echo is the larger of the error's part coherent with the far
+// end (found before the filter has converged and after a path change)
+// and leak x |Y|^2, where leak is the regression
+// of the error's power fluctuations on the echo estimate's (near-end
+// speech does not move with the far-end, so it barely enters); noise by
+// minimum tracking. The gain is a decision-directed Wiener gain whose
+// power floor is floor_echo for residual echo and floor_noise for noise;
+// comfort noise keeps the noise floor at floor_noise wherever the echo
+// floor cut deeper, so suppression does not pump the background.
+#pragma once
+#include "eaec/eaec_core.h"
+
+// Frame sums the leak regression needs.
+struct supp_frame {
+    float sum_e;  // sum |E|^2
+    float sum_y;  // sum |Y|^2
+};
+
+// [rt] Updates the smoothed powers, the leak regression (only while the
+// far end is active) and the noise estimate. pe receives |E|^2 per bin.
+// The error's part coherent with the far end (the newest far-end spectra
+// of the ring, at the best of EAEC_LAGS frame lags) goes to coh_echo.
+supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *e_re,
+                        const float *e_im, const float *y_re, const float *y_im, int far_active,
+                        float *pe) noexcept;
+// [rt] Step size per bin of the background filter into mu: the larger of
+// the leak's share of the error power and the error's coherence with the
+// far end, so adaptation slows down in double talk and speeds up after an
+// echo-path change; mu_init until the leak is known.
+void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept;
+// [rt] Applies the suppression gain and comfort noise to E in place; pe
+// is used up (it holds the comfort noise power afterwards). Every per-bin
+// array is kpad long and 16-byte aligned.
+void supp_apply(const eaec_params *p, eaec_chan *c, float *e_re, float *e_im, float *pe) noexcept;

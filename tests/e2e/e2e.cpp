@@ -1,0 +1,271 @@
+#include "e2e.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cmath>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <sched.h>
+#include <unistd.h>
+
+namespace {
+
+std::string conf_base(const std::string &conf)
+{
+    std::string b = conf.substr(conf.rfind('/') + 1);
+    return b.substr(0, b.rfind('.'));
+}
+
+bool file_exists(void *path) { return access(static_cast<std::string *>(path)->c_str(), F_OK) == 0; }
+
+in_addr_t ip(const char *a) { return a ? inet_addr(a) : INADDR_ANY; }
+
+} // namespace
+
+bool daemon_run::start(const netns &ns, const std::string &config)
+{
+    conf = tmp_file(config);
+    std::string pid = "/var/run/" + conf_base(conf) + ".pid";
+    return !conf.empty() && proc.start(ns.cmd({PELOD_BIN, "-p", "-", "-f", conf})) &&
+           wait_until(3000, file_exists, &pid);
+}
+
+int daemon_run::stop()
+{
+    proc.signal(SIGTERM);
+    return proc.wait(3000);
+}
+
+daemon_run::~daemon_run()
+{
+    if (proc.pid > 0)
+        stop();
+    if (conf.empty())
+        return;
+    unlink(conf.c_str());
+    unlink(("/tmp/" + conf_base(conf) + ".stat").c_str());
+}
+
+int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group, const char *ifa,
+               const char *ssm)
+{
+    const netns_scope in(ns);
+    if (!in.ok())
+        return -1;
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int one = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    const sockaddr_in a{AF_INET, htons(port), {ip(bind_addr)}, {}};
+    if (bind(fd, reinterpret_cast<const sockaddr *>(&a), sizeof a) != 0) {
+        close(fd);
+        return -1;
+    }
+    const in_addr mcif{ip(ifa ? ifa : bind_addr)};
+    setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &mcif, sizeof mcif);
+    int r = 0;
+    if (group && ssm) {
+        const ip_mreq_source m{{ip(group)}, {ip(ifa)}, {ip(ssm)}};
+        r = setsockopt(fd, IPPROTO_IP, IP_ADD_SOURCE_MEMBERSHIP, &m, sizeof m);
+    } else if (group) {
+        const ip_mreq m{{ip(group)}, {ip(ifa)}};
+        r = setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof m);
+    }
+    if (r != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+void rtp_send(int fd, const char *to, uint16_t port, uint8_t pt, uint16_t seq, uint32_t ts, uint32_t ssrc,
+              const std::vector<uint8_t> &payload)
+{
+    const std::vector<uint8_t> p = rtp_datagram(seq, ts, payload, pt, false, ssrc);
+    const sockaddr_in a{AF_INET, htons(port), {ip(to)}, {}};
+    sendto(fd, p.data(), p.size(), 0, reinterpret_cast<const sockaddr *>(&a), sizeof a);
+}
+
+void rtp_drain(int fd, std::vector<rtp_pkt> &into)
+{
+    uint8_t b[1500];
+    sockaddr_in from{};
+    for (;;) {
+        socklen_t fl = sizeof from;
+        const ssize_t n = recvfrom(fd, b, sizeof b, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &fl);
+        if (n < 0)
+            return;
+        if (n < 12)
+            continue;
+        rtp_pkt p;
+        p.pt = b[1] & 0x7F;
+        p.seq = be16(b + 2);
+        p.ts = be32(b + 4);
+        p.ssrc = be32(b + 8);
+        p.from = inet_ntoa(from.sin_addr);
+        p.payload.assign(b + 12, b + n);
+        into.push_back(std::move(p));
+    }
+}
+
+static int64_t tai_ns()
+{
+    timespec t{};
+    clock_gettime(CLOCK_TAI, &t);
+    return int64_t(t.tv_sec) * 1000000000 + t.tv_nsec;
+}
+
+static uint32_t media_of(int64_t ns)
+{
+    return uint32_t(uint64_t(ns / 1000000000) * 48000 + uint64_t(ns % 1000000000) * 3 / 62500);
+}
+
+void paced_1ms(int ms, const std::function<void(int, uint32_t)> &each)
+{
+    int policy = sched_getscheduler(0);
+    sched_param old{};
+    sched_getparam(0, &old);
+    const sched_param rt{1};
+    const bool raised = sched_setscheduler(0, SCHED_FIFO, &rt) == 0;
+    const int64_t t0 = (tai_ns() / 1000000 + 2) * 1000000 + 500000;
+    for (int k = 0; k < ms; k++) {
+        const int64_t due = t0 + int64_t(k) * 1000000;
+        const int64_t wait = due - tai_ns();
+        if (wait > 0) {
+            const timespec rel{time_t(wait / 1000000000), long(wait % 1000000000)};
+            clock_nanosleep(CLOCK_MONOTONIC, 0, &rel, nullptr);
+        }
+        each(k, media_of(due) - 48);
+    }
+    if (raised)
+        sched_setscheduler(0, policy, &old);
+}
+
+std::vector<int32_t> l24_channel(const std::vector<uint8_t> &payload, int nchan, int ch)
+{
+    std::vector<int32_t> v;
+    for (size_t o = size_t(3 * ch); o + 3 <= payload.size(); o += size_t(3 * nchan))
+        v.push_back(be24(&payload[o]));
+    return v;
+}
+
+int delay_fit::mode() const
+{
+    int best = -1, n = 0;
+    for (const auto &[d, c] : delays)
+        if (c > n)
+            best = d, n = c;
+    return best;
+}
+
+int delay_fit::settled() const
+{
+    delay_fit tail;
+    for (size_t i = in_order.size() > 100 ? in_order.size() - 100 : 0; i < in_order.size(); i++)
+        tail.delays[in_order[i]]++;
+    return tail.mode();
+}
+
+delay_fit fit_delay(const std::vector<rtp_pkt> &out, const std::function<int32_t(uint32_t)> &expect, int dmin,
+                    int dmax, int tol)
+{
+    delay_fit f;
+    for (const rtp_pkt &p : out) {
+        const std::vector<int32_t> y = l24_channel(p.payload, 1, 0);
+        if (std::all_of(y.begin(), y.end(), [](int32_t v) { return v == 0; })) {
+            f.silent++;
+            continue;
+        }
+        int found = -1;
+        for (int d = dmin; d <= dmax && found < 0; d++) {
+            bool all = true;
+            for (size_t k = 0; k < y.size() && all; k++)
+                all = std::abs(y[k] - expect(p.ts + uint32_t(k) - uint32_t(d))) <= tol;
+            if (all)
+                found = d;
+        }
+        if (found < 0) {
+            f.unmatched++;
+        } else {
+            f.matched++;
+            f.delays[found]++;
+            f.in_order.push_back(found);
+        }
+    }
+    return f;
+}
+
+tone_measure measure_tone(const std::vector<float> &x)
+{
+    tone_measure m;
+    float peak = 0.0f;
+    for (float v : x)
+        peak = std::max(peak, std::fabs(v));
+    size_t a = 0, b = x.size();
+    while (a < b && std::fabs(x[a]) < 0.05f * peak)
+        a++;
+    while (b > a && std::fabs(x[b - 1]) < 0.05f * peak)
+        b--;
+    a += 960;
+    b = b > 960 ? b - 960 : 0;
+    if (peak == 0.0f || b <= a + 960)
+        return m;
+    m.samples = b - a;
+    std::vector<double> blocks, iv;
+    for (size_t i = a; i + 480 <= b; i += 480) {
+        double sum = 0.0;
+        for (size_t j = i; j < i + 480; j++)
+            sum += double(x[j]) * x[j];
+        blocks.push_back(10.0 * std::log10(sum / 480.0 + 1e-30));
+    }
+    std::nth_element(blocks.begin(), blocks.begin() + long(blocks.size() / 2), blocks.end());
+    m.rms_dbfs = blocks[blocks.size() / 2];
+    double prev = -1.0;
+    for (size_t i = a + 1; i < b; i++)
+        if (x[i - 1] < 0.0f && x[i] >= 0.0f) {
+            const double at = double(i - 1) + double(-x[i - 1]) / double(x[i] - x[i - 1]);
+            if (prev >= 0.0)
+                iv.push_back(at - prev);
+            prev = at;
+        }
+    if (iv.empty())
+        return m;
+    std::vector<double> sorted = iv;
+    std::nth_element(sorted.begin(), sorted.begin() + long(sorted.size() / 2), sorted.end());
+    const double med = sorted[sorted.size() / 2];
+    double sum = 0.0;
+    int n = 0;
+    for (double v : iv)
+        if (std::fabs(v - med) < 0.05 * med)
+            sum += v, n++;
+    m.freq_hz = 48000.0 * n / sum;
+    return m;
+}
+
+std::vector<float> wav_channel0(const std::string &path)
+{
+    const std::string w = read_file(path);
+    std::vector<float> x;
+    if (w.size() < 44 || w.compare(0, 4, "RIFF") != 0)
+        return x;
+    const auto *d = reinterpret_cast<const uint8_t *>(w.data());
+    const int ch = d[22], bytes = d[34] / 8;
+    if (ch < 1 || (bytes != 2 && bytes != 3))
+        return x;
+    for (size_t o = 44; o + size_t(ch * bytes) <= w.size(); o += size_t(ch * bytes)) {
+        const int32_t v = bytes == 2 ? int16_t(d[o] | d[o + 1] << 8)
+                                     : int32_t(uint32_t(d[o]) << 8 | uint32_t(d[o + 1]) << 16 |
+                                               uint32_t(d[o + 2]) << 24) >> 8;
+        x.push_back(float(v / (bytes == 2 ? 32767.0 : FULL24)));
+    }
+    return x;
+}
+
+std::vector<float> raw_s16(const std::string &path)
+{
+    const std::string r = read_file(path);
+    std::vector<float> x;
+    for (size_t o = 0; o + 2 <= r.size(); o += 2)
+        x.push_back(float(int16_t(uint8_t(r[o]) | uint8_t(r[o + 1]) << 8) / 32767.0));
+    return x;
+}

@@ -1,0 +1,95 @@
+// Helpers of the end-to-end tests: the built daemon in a network
+// namespace, RTP sockets in that namespace, a paced sender on the media
+// clock, and the measures the tests take of what comes out.
+#pragma once
+#include "support/netns.h"
+#include "support/proc.h"
+#include "support/rtp_wire.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+inline const std::string tone_bin = std::string(PELOD_TOOLS_DIR) + "/pelod-tone";
+inline const std::string listen_bin = std::string(PELOD_TOOLS_DIR) + "/pelod-listen";
+inline constexpr double FULL24 = 8388607.0;
+
+// The daemon, run in `ns` on the system clock with a temporary
+// configuration. Stopped (SIGTERM) and cleaned up with the object.
+struct daemon_run {
+    std::string conf;
+    bg_proc proc;
+    // Starts and waits until the configuration is loaded (the pid file is
+    // written after the load). False when it does not come up.
+    bool start(const netns &ns, const std::string &config);
+    // Stops it; its exit status, -1 when it had to be killed.
+    int stop();
+    std::string output() const { return proc.out() + proc.err(); }
+    ~daemon_run();
+};
+
+struct rtp_pkt {
+    uint8_t pt = 0;
+    uint16_t seq = 0;
+    uint32_t ts = 0, ssrc = 0;
+    std::string from; // source address
+    std::vector<uint8_t> payload;
+};
+
+// A UDP socket made in ns, bound to bind_addr:port (SO_REUSEADDR). With a
+// group: joined on interface ifa, source-specific when ssm is given. As a
+// sender, multicast leaves through ifa (bind_addr when ifa is null).
+// -1 on failure.
+int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group = nullptr,
+               const char *ifa = nullptr, const char *ssm = nullptr);
+void rtp_send(int fd, const char *to, uint16_t port, uint8_t pt, uint16_t seq, uint32_t ts, uint32_t ssrc,
+              const std::vector<uint8_t> &payload);
+// Every datagram waiting on fd, as RTP packets (runts are left out).
+void rtp_drain(int fd, std::vector<rtp_pkt> &into);
+
+// Calls each(k, ts) for `ms` milliseconds: packet k holds the samples
+// [ts, ts + 48) and is due half a millisecond after its last sample, as a
+// sender on the media clock sends it (the daemon wakes on whole
+// milliseconds). Runs at a low real-time priority when it may.
+void paced_1ms(int ms, const std::function<void(int k, uint32_t ts)> &each);
+
+// Channel ch of an interleaved 24-bit payload of nchan channels.
+std::vector<int32_t> l24_channel(const std::vector<uint8_t> &payload, int nchan, int ch);
+
+// The sample at every output timestamp, against the input timestamp it
+// came from: the fit finds, per packet, the delay D (output timestamp minus
+// input timestamp) for which every sample of the packet is expect(ts - D)
+// within `tol`. Silence at one end of a packet is where an input packet
+// came too late to be mixed (a busy machine); the rest must fit.
+struct delay_fit {
+    int matched = 0;   // packets that fit
+    int partial = 0;   // of those, with silence at one end
+    int unmatched = 0; // packets with sound that fit no delay in range
+    int silent = 0;
+    std::map<int, int> delays; // delay -> packets
+    std::vector<int> in_order; // delay of each packet that fits
+    int mode() const;          // the most frequent delay, -1 when none
+    // The most frequent delay of the last 100 packets that fit: where the
+    // lock settled (the first packet after a skipped wake-up carries the
+    // mix of the block before it, and so looks later).
+    int settled() const;
+};
+delay_fit fit_delay(const std::vector<rtp_pkt> &out, const std::function<int32_t(uint32_t)> &expect, int dmin,
+                    int dmax, int tol = 2);
+
+// Level and pitch of a tone; the leading and trailing silence (and 20 ms
+// beside it) is left out. The dropouts of a busy machine do not move
+// them: the level is the median of 10 ms blocks, the period the mean of
+// the zero-crossing intervals near their median.
+struct tone_measure {
+    double rms_dbfs = -200.0; // full scale 1.0
+    double freq_hz = 0.0;
+    size_t samples = 0; // analysed
+};
+tone_measure measure_tone(const std::vector<float> &x);
+// Channel 0 of a WAV file (16- or 24-bit PCM), full scale 1.0.
+std::vector<float> wav_channel0(const std::string &path);
+// Raw signed 16-bit little-endian mono, full scale 1.0.
+std::vector<float> raw_s16(const std::string &path);
