@@ -9,42 +9,25 @@
 #include <sched.h>
 #include <unistd.h>
 
-namespace {
+static in_addr_t ip(const char *a) { return a ? inet_addr(a) : INADDR_ANY; }
 
-std::string conf_base(const std::string &conf)
+ns_pelod::ns_pelod(const netns &ns, const std::string &conf) : pelod_proc(conf)
 {
-    std::string b = conf.substr(conf.rfind('/') + 1);
-    return b.substr(0, b.rfind('.'));
+    const std::string pid = pid_path();
+    up = !path.empty() && start(ns.cmd({PELOD_BIN, "-p", "-", "-f", path})) &&
+         wait_for(3000, [&] { return access(pid.c_str(), F_OK) == 0; });
 }
 
-bool file_exists(void *path) { return access(static_cast<std::string *>(path)->c_str(), F_OK) == 0; }
-
-in_addr_t ip(const char *a) { return a ? inet_addr(a) : INADDR_ANY; }
-
-} // namespace
-
-bool daemon_run::start(const netns &ns, const std::string &config)
+int ns_pelod::stop()
 {
-    conf = tmp_file(config);
-    std::string pid = "/var/run/" + conf_base(conf) + ".pid";
-    return !conf.empty() && proc.start(ns.cmd({PELOD_BIN, "-p", "-", "-f", conf})) &&
-           wait_until(3000, file_exists, &pid);
+    signal(SIGTERM);
+    return wait(3000);
 }
 
-int daemon_run::stop()
+ns_pelod::~ns_pelod()
 {
-    proc.signal(SIGTERM);
-    return proc.wait(3000);
-}
-
-daemon_run::~daemon_run()
-{
-    if (proc.pid > 0)
+    if (pid > 0)
         stop();
-    if (conf.empty())
-        return;
-    unlink(conf.c_str());
-    unlink(("/tmp/" + conf_base(conf) + ".stat").c_str());
 }
 
 int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group, const char *ifa,

@@ -2,6 +2,7 @@
 // namespace, RTP sockets in that namespace, a paced sender on the media
 // clock, and the measures the tests take of what comes out.
 #pragma once
+#include "support/daemon.h"
 #include "support/netns.h"
 #include "support/proc.h"
 #include "support/rtp_wire.h"
@@ -16,18 +17,14 @@ inline const std::string tone_bin = std::string(PELOD_TOOLS_DIR) + "/pelod-tone"
 inline const std::string listen_bin = std::string(PELOD_TOOLS_DIR) + "/pelod-listen";
 inline constexpr double FULL24 = 8388607.0;
 
-// The daemon, run in `ns` on the system clock with a temporary
-// configuration. Stopped (SIGTERM) and cleaned up with the object.
-struct daemon_run {
-    std::string conf;
-    bg_proc proc;
-    // Starts and waits until the configuration is loaded (the pid file is
-    // written after the load). False when it does not come up.
-    bool start(const netns &ns, const std::string &config);
-    // Stops it; its exit status, -1 when it had to be killed.
-    int stop();
-    std::string output() const { return proc.out() + proc.err(); }
-    ~daemon_run();
+// The daemon started in `ns` on the system clock; `up` once the pid file
+// shows the configuration loaded. Stopped (SIGTERM) with the object.
+struct ns_pelod : pelod_proc {
+    bool up = false;
+    ns_pelod(const netns &ns, const std::string &conf);
+    int stop(); // its exit status, -1 when it had to be killed
+    std::string output() const { return out() + err(); }
+    ~ns_pelod();
 };
 
 struct rtp_pkt {

@@ -6,33 +6,26 @@
 #include "audio/alsa.h"
 #include "config/pelocfg.h"
 #include "daemon/mix.h"
-#include "daemon/pelod.h"
+#include "e2e.h"
+#include "support/alsa_file.h"
 #include "support/emulation.h"
-#include "support/proc.h"
 
-#include <algorithm>
-#include <arpa/inet.h>
 #include <array>
 #include <chrono>
 #include <cmath>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <gtest/gtest.h>
-#include <map>
+#include <memory>
 #include <new>
 #include <poll.h>
 #include <sstream>
-#include <tuple>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 using texts = std::vector<std::string>;
 using samples = std::vector<int32_t>;
 
-constexpr double FULL24 = 8388607.0;
 // Playout delay of the test's streams: a packet of the busy machine's
 // sender may come this late and still play in place (whole blocks).
 const std::string SLACK = "960";
@@ -46,44 +39,16 @@ samples tone(double amp)
     return b;
 }
 
-int32_t sext24(uint32_t w) { return int32_t(w << 8) >> 8; }
-
-template <class F> bool eventually(int timeout_ms, F pred)
-{
-    for (int waited = 0; waited < timeout_ms; waited += 10) {
-        if (pred())
-            return true;
-        usleep(10000);
-    }
-    return pred();
-}
-
 std::string lo(uint16_t port) { return "127.0.0.1:" + std::to_string(port); }
-
-sockaddr_in loopback(uint16_t port)
-{
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
-}
 
 // A UDP socket on 127.0.0.1 at a port the kernel hands out.
 struct udp_sock {
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    uint16_t port = 0;
-    udp_sock()
-    {
-        sockaddr_in a = loopback(0);
-        socklen_t l = sizeof a;
-        bind(fd, reinterpret_cast<sockaddr *>(&a), l);
-        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &l);
-        port = ntohs(a.sin_port);
-    }
+    sockaddr_in addr{};
+    int fd = udp_loopback(&addr);
+    uint16_t port = ntohs(addr.sin_port);
     ~udp_sock() { close(fd); }
+    udp_sock() = default;
     udp_sock(const udp_sock &) = delete;
-    udp_sock &operator=(const udp_sock &) = delete;
     // Every datagram waiting now, or within wait_ms for the first one.
     texts take(int wait_ms = 0) const
     {
@@ -95,30 +60,7 @@ struct udp_sock {
                 got.emplace_back(buf, size_t(n));
         return got;
     }
-    // One RTP packet of 24-bit samples, big-endian, payload type 96.
-    void send_rtp(uint16_t to, uint16_t seq, uint32_t ts, const samples &v) const
-    {
-        std::vector<uint8_t> p = {0x80, 96, uint8_t(seq >> 8), uint8_t(seq)};
-        for (uint32_t w : {ts, 0x5E11D00Du})
-            for (int sh = 24; sh >= 0; sh -= 8)
-                p.push_back(uint8_t(w >> sh));
-        for (int32_t x : v)
-            for (int sh = 16; sh >= 0; sh -= 8)
-                p.push_back(uint8_t(uint32_t(x) >> sh));
-        const sockaddr_in a = loopback(to);
-        sendto(fd, p.data(), p.size(), 0, reinterpret_cast<const sockaddr *>(&a), sizeof a);
-    }
 };
-
-// The samples of an RTP packet of 24-bit PCM (12-byte header).
-samples samples_of(const std::string &pkt)
-{
-    samples v;
-    const auto *b = reinterpret_cast<const uint8_t *>(pkt.data());
-    for (size_t i = 12; i + 3 <= pkt.size(); i += 3)
-        v.push_back(sext24(uint32_t(b[i]) << 16 | uint32_t(b[i + 1]) << 8 | b[i + 2]));
-    return v;
-}
 
 // Distinct ports that were free a moment ago, for the daemon to bind.
 std::vector<uint16_t> free_ports(size_t n)
@@ -129,22 +71,6 @@ std::vector<uint16_t> free_ports(size_t n)
         ports.push_back(s.port);
     return ports;
 }
-
-// Sleeps to the next whole millisecond after the previous call, as a
-// sender paced by a clock would.
-struct pacer {
-    timespec next{};
-    pacer() { clock_gettime(CLOCK_MONOTONIC, &next); }
-    void tick()
-    {
-        next.tv_nsec += 1000000;
-        if (next.tv_nsec >= 1000000000) {
-            next.tv_nsec -= 1000000000;
-            next.tv_sec++;
-        }
-        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
-    }
-};
 
 // Columns of one flow row of the report, by the names in the header line.
 std::map<std::string, std::string> flow_row(const std::string &report, const std::string &index)
@@ -170,80 +96,33 @@ protected:
     void SetUp() override { SKIP_UNDER_EMULATION(); }
     void TearDown() override
     {
-        if (daemon.pid > 0) {
-            daemon.signal(SIGTERM);
-            EXPECT_EQ(daemon.wait(3000), 0) << daemon.err();
+        if (daemon && daemon->pid > 0) {
+            daemon->signal(SIGTERM);
+            EXPECT_EQ(daemon->wait(3000), 0) << daemon->err();
         }
-        unsetenv("ALSA_CONFIG_PATH");
-        for (const std::string &f : files)
-            unlink(f.c_str());
-        if (!card_dir.empty())
-            rmdir(card_dir.c_str());
     }
     void start(const std::string &conf_text, const std::vector<std::string> &options = {})
     {
-        const std::string conf = keep(tmp_file(conf_text));
-        report = keep(conf.substr(0, conf.rfind('.')) + ".stat");
-        char pid[4096];
-        pidfile_name(pid, sizeof pid, conf.c_str());
-        std::vector<std::string> argv = {PELOD_BIN, "-p", "-", "-f", conf};
-        argv.insert(argv.end(), options.begin(), options.end());
-        ASSERT_TRUE(daemon.start(argv));
-        // the pid file is written once the configuration is applied
-        ASSERT_TRUE(eventually(3000, [&] { return access(pid, F_OK) == 0; })) << daemon.err();
+        daemon = std::make_unique<pelod_proc>(conf_text);
+        report = daemon->path.substr(0, daemon->path.rfind('.')) + ".stat";
+        ASSERT_TRUE(daemon->start_up(options)) << daemon->err();
     }
-    // "hw" becomes a file plugin over the null device: playback into
-    // play_path, capture from these stereo words. The device never fills
-    // nor drains, so the daemon writes and reads up to its bound each block.
-    void file_card(const samples &capture)
-    {
-        char tmpl[] = "/tmp/pelode2eXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        card_dir = tmpl;
-        play_path = keep(card_dir + "/play.raw");
-        const std::string cap = keep(card_dir + "/capture.raw"), conf = keep(card_dir + "/hw.conf");
-        const std::string text = R"(pcm.!hw {
-    @args [ CARD DEV SUBDEV ]
-    @args.CARD { type string default "0" }
-    @args.DEV { type integer default 0 }
-    @args.SUBDEV { type integer default -1 }
-    type asym
-    playback.pcm { type file slave.pcm "null" format "raw" file ")" + play_path + R"(" }
-    capture.pcm { type file slave.pcm "null" format "raw" file "/dev/null" infile ")" + cap + R"(" }
-}
-)";
-        for (const auto &[path, data, n] : {std::tuple{conf, text.data(), text.size()},
-                                            std::tuple{cap, reinterpret_cast<const char *>(capture.data()),
-                                                       capture.size() * 4}}) {
-            FILE *f = fopen(path.c_str(), "wb");
-            ASSERT_NE(f, nullptr);
-            EXPECT_EQ(fwrite(data, 1, n, f), n);
-            fclose(f);
-        }
-        setenv("ALSA_CONFIG_PATH", ("/usr/share/alsa/alsa.conf:" + conf).c_str(), 1);
-    }
-    // Sends packets number first..last-1 of 1-ms streams, paced: each
-    // input port gets its samples every millisecond; each() runs after.
+    // Sends packets number first..last-1 of 1-ms mono streams, paced:
+    // each input port gets its samples every millisecond; each() runs after.
     template <class F>
     void stream(int first, int last, const std::vector<std::pair<uint16_t, samples>> &inputs, F each)
     {
-        pacer clock;
-        for (int n = first; n < last; n++) {
-            clock.tick();
+        paced_1ms(last - first, [&](int k, uint32_t) {
+            const int n = first + k;
             for (const auto &[port, v] : inputs)
-                net.send_rtp(port, uint16_t(n), 48u * uint32_t(n), v);
+                rtp_send(net.fd, "127.0.0.1", port, 96, uint16_t(n), 48u * uint32_t(n), 0x5E11D00D, pcm24(v));
             each();
-        }
+        });
     }
-    std::string keep(const std::string &path)
-    {
-        files.push_back(path);
-        return path;
-    }
-    bg_proc daemon;
+    std::unique_ptr<alsa_file_card> card; // before the daemon: it outlives it
+    std::unique_ptr<pelod_proc> daemon;
     udp_sock net; // the test's peer: sends the streams in, receives what comes out
-    std::string report, play_path, card_dir;
-    std::vector<std::string> files;
+    std::string report;
 };
 
 TEST_F(RunningDaemon, ReportCountsWhatTheSenderCausedAndUsr1ZeroesIt)
@@ -251,25 +130,24 @@ TEST_F(RunningDaemon, ReportCountsWhatTheSenderCausedAndUsr1ZeroesIt)
     const uint16_t port = free_ports(1)[0];
     start("XPT mix=m src=" + lo(port) + " fmt=L24/48000/1\n");
     const samples quiet(48, 1000);
-    pacer clock;
-    for (uint16_t seq = 0; seq < 20; seq++) {
-        clock.tick();
+    const auto send = [&](int seq) { rtp_send(net.fd, "127.0.0.1", port, 96, uint16_t(seq), 48u * seq, 1, pcm24(quiet)); };
+    paced_1ms(20, [&](int seq, uint32_t) {
         if (seq < 10 || seq > 12) // a gap of three
-            net.send_rtp(port, seq, 48u * seq, quiet);
-    }
-    net.send_rtp(port, 19, 48u * 19, quiet); // a repeat
+            send(seq);
+    });
+    send(19); // a repeat
     // the first packet only teaches sequence and time, and so does the repeat
     const std::map<std::string, std::string> want = {{"PKTS", "18"}, {"GOOD", "15"}, {"DROP", "3"},
                                                      {"DUPL", "1"},  {"SEQE", "2"},  {"SRST", "1"}};
     std::map<std::string, std::string> row;
-    EXPECT_TRUE(eventually(3000, [&] { return (row = flow_row(read_file(report), "00"))["PKTS"] == "18"; }))
+    EXPECT_TRUE(wait_for(3000, [&] { return (row = flow_row(read_file(report), "00"))["PKTS"] == "18"; }))
         << read_file(report);
     for (const auto &[column, value] : want)
         EXPECT_EQ(row[column], value) << column;
     EXPECT_GE(atol(row["SYNC"].c_str()), 1) << "the stream was locked";
     EXPECT_EQ(row["Channel"], lo(port));
 
-    daemon.signal(SIGUSR1);
+    daemon->signal(SIGUSR1);
     const auto zeroed = [&] {
         row = flow_row(read_file(report), "00");
         for (const char *c : {"SYNC", "PKTS", "SRST", "SEQE", "DROP", "DUPL", "LATE", "GOOD"})
@@ -277,7 +155,7 @@ TEST_F(RunningDaemon, ReportCountsWhatTheSenderCausedAndUsr1ZeroesIt)
                 return false;
         return true;
     };
-    EXPECT_TRUE(eventually(3000, zeroed)) << read_file(report);
+    EXPECT_TRUE(wait_for(3000, zeroed)) << read_file(report);
 }
 
 TEST_F(RunningDaemon, TalkerStartAndEndAreAnnouncedAndHupRepeatsTheList)
@@ -297,7 +175,7 @@ TEST_F(RunningDaemon, TalkerStartAndEndAreAnnouncedAndHupRepeatsTheList)
     stream(0, 200, {{port, loud}}, listen);
     EXPECT_EQ(got, talking) << "start of talk";
     got.clear();
-    daemon.signal(SIGHUP);
+    daemon->signal(SIGHUP);
     stream(200, 500, {{port, loud}}, listen);
     EXPECT_EQ(got, talking) << "the reload announces the current list once";
     const auto silent = std::chrono::steady_clock::now();
@@ -319,7 +197,7 @@ int tone_blocks(const std::string &raw, const samples &t, double gain_l, double 
         for (size_t i = 0; i < 96; i++) {
             const double want = t[i / 2] * (i % 2 ? gain_r : gain_l);
             silent = silent && w[i] == 0;
-            tone = tone && std::fabs(sext24(uint32_t(w[i])) - want) <= 2;
+            tone = tone && std::fabs((int32_t(uint32_t(w[i]) << 8) >> 8) - want) <= 2;
         }
         if (!silent && !tone)
             return -1;
@@ -330,13 +208,13 @@ int tone_blocks(const std::string &raw, const samples &t, double gain_l, double 
 
 TEST_F(RunningDaemon, PlaysAMixRoutedToTheCardIntoThePlaybackFile)
 {
-    file_card(samples(96, 0));
+    card = std::make_unique<alsa_file_card>(std::string(384, '\0'));
     const uint16_t port = free_ports(1)[0];
     start("XPT mix=spk src=" + lo(port) + " fmt=L24/48000/1 pdly=" + SLACK + "\n"
           "SRC mix=spk:spk rtpa=alsa:0 gainv=0;-6\n");
     const samples in = tone(0.5);
     stream(0, 300, {{port, in}}, [] {});
-    const int played = tone_blocks(read_file(play_path), in, 1.0, std::pow(10.0, -0.3));
+    const int played = tone_blocks(read_file(card->play_path), in, 1.0, std::pow(10.0, -0.3));
     EXPECT_GE(played, 200) << "nothing but silence and the tone, left at 0 dB and right at -6 dB";
 }
 
@@ -349,14 +227,16 @@ TEST_F(RunningDaemon, SendsTheCapturedLeftChannelInAStream)
     for (int b = 0; b < ALSA_LOOP_MAX * 1000; b++)
         for (int32_t v : left)
             words.insert(words.end(), {int32_t(uint32_t(v) & 0xFFFFFF), 0x123456});
-    file_card(words);
+    card = std::make_unique<alsa_file_card>(std::string(reinterpret_cast<const char *>(words.data()), words.size() * 4));
     const udp_sock out;
     start("XPT mix=mic src=alsa:0\nSRC mix=mic rtpa=" + lo(out.port) + " ifa=" + lo(free_ports(1)[0]) +
           " fmt=L24/48000/1\n");
     int packets = 0, tone_packets = 0;
-    eventually(2000, [&] {
-        for (const std::string &pkt : out.take()) {
-            const samples got = samples_of(pkt);
+    wait_for(2000, [&] {
+        std::vector<rtp_pkt> pkts;
+        rtp_drain(out.fd, pkts);
+        for (const rtp_pkt &pkt : pkts) {
+            const samples got = l24_channel(pkt.payload, 1, 0);
             bool silent = got.size() == 48, tone = got.size() == 48;
             for (size_t k = 0; k < got.size() && k < 48; k++) {
                 silent = silent && got[k] == 0;
@@ -420,11 +300,10 @@ TEST_F(RunningDaemon, LimitedStreamsSendTheSteadyLevelOfTheModel)
                 (*rows[i].lce ? std::string(" lce=") + rows[i].lce : "") + "\n";
     start(conf);
     const samples dc(48, int32_t(0.5 * FULL24)), t = tone(0.5);
-    std::vector<std::string> last(std::size(rows)); // while the input still flows
+    std::vector<std::vector<rtp_pkt>> got(std::size(rows)); // while the input still flows
     stream(0, 600, {{ports[0], dc}, {ports[1], t}}, [&] {
         for (size_t i = 0; i < std::size(rows); i++)
-            for (std::string &pkt : outs[i].take())
-                last[i] = std::move(pkt);
+            rtp_drain(outs[i].fd, got[i]);
     });
 
     const double x = dc[0] / FULL24;
@@ -435,18 +314,19 @@ TEST_F(RunningDaemon, LimitedStreamsSendTheSteadyLevelOfTheModel)
     }
     for (size_t i = 0; i < std::size(rows); i++) {
         const row &r = rows[i];
-        const samples got = samples_of(last[i]);
-        ASSERT_EQ(got.size(), r.stereo ? 96u : 48u) << r.lce;
+        ASSERT_FALSE(got[i].empty()) << r.lce;
+        const samples last = l24_channel(got[i].back().payload, 1, 0);
+        ASSERT_EQ(last.size(), r.stereo ? 96u : 48u) << r.lce;
         if (!r.stereo) {
             const double want = *r.lce ? steady_1ch(x, r.T, r.R) : x;
-            for (int32_t v : got)
+            for (int32_t v : last)
                 ASSERT_NEAR(v / FULL24, want, 1e-6) << r.lce;
             continue;
         }
         const std::array<float, 96> want = settled_2ch(r.lce, mixes);
         for (size_t k = 0; k < 48; k++)
             for (size_t c = 0; c < 2; c++)
-                ASSERT_NEAR(got[2 * k + c] / FULL24, want[48 * c + k], 1e-4) << r.lce << " " << k << " " << c;
+                ASSERT_NEAR(last[2 * k + c] / FULL24, want[48 * c + k], 1e-4) << r.lce << " " << k << " " << c;
     }
 }
 } // namespace

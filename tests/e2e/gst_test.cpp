@@ -39,12 +39,11 @@ TEST(E2eGst, GstreamerSendsIntoTheDaemonAndDecodesItsL24AndOpus)
                         "gstreamer1.0-plugins-good (make deps)";
     netns ns("pe2eg");
     ASSERT_TRUE(ns.ok());
-    daemon_run pelod;
-    ASSERT_TRUE(pelod.start(ns, "XPT mix=g src=127.0.0.1:5004 fmt=L24/48000/1 pdly=480\n"
+    ns_pelod pelod(ns, "XPT mix=g src=127.0.0.1:5004 fmt=L24/48000/1 pdly=480\n"
                                 "SRC mix=g rtpa=127.0.0.1:6000\n"
                                 "SRC mix=g rtpa=127.0.0.1:6002\n"
-                                "SRC mix=g rtpa=127.0.0.1:6004 fmt=opus/48000/1\n"))
-        << pelod.output();
+                                "SRC mix=g rtpa=127.0.0.1:6004 fmt=opus/48000/1\n");
+    ASSERT_TRUE(pelod.up) << pelod.output();
 
     struct output {
         const char *name;

@@ -68,7 +68,6 @@ protected:
         return out;
     }
     std::unique_ptr<netns> ns;
-    daemon_run pelod; // stopped before the namespace goes
 };
 
 struct route_case {
@@ -119,7 +118,8 @@ TEST_P(E2eRoute, StreamReachesTheOutputWithItsGainAndDelay)
     const int tx = udp_socket(*ns, "127.0.0.1", 0);
     const int other = udp_socket(*ns, "127.0.0.2", 0, nullptr, "127.0.0.1");
     ASSERT_GE(rx, 0);
-    ASSERT_TRUE(pelod.start(*ns, c.conf)) << pelod.output();
+    ns_pelod pelod(*ns, c.conf);
+    ASSERT_TRUE(pelod.up) << pelod.output();
     std::vector<stream> in = {{tx, c.send_to, 5004, 0x1111, code}};
     if (c.intruder)
         in.push_back({other, c.send_to, 5004, 0x2222, [](uint32_t) { return 7000000; }});
@@ -158,10 +158,9 @@ TEST_F(E2eNet, TwoInputsAreSummedWithTheirGainsAndClipped)
 {
     const int rx = udp_socket(*ns, "127.0.0.1", 6000), tx = udp_socket(*ns, "127.0.0.1", 0);
     // a playout delay that a late packet of a busy machine still meets
-    ASSERT_TRUE(pelod.start(*ns, "XPT mix=m src=127.0.0.1:5004 gain=-6 pdly=480\n"
-                                 "XPT mix=m src=127.0.0.1:5006 gain=3 pdly=480\n"
-                                 "SRC mix=m rtpa=127.0.0.1:6000\n"))
-        << pelod.output();
+    ns_pelod pelod(*ns, "XPT mix=m src=127.0.0.1:5004 gain=-6 pdly=480\n"
+                        "XPT mix=m src=127.0.0.1:5006 gain=3 pdly=480\nSRC mix=m rtpa=127.0.0.1:6000\n");
+    ASSERT_TRUE(pelod.up) << pelod.output();
     constexpr int32_t dc = 5033164; // 0.6 of full scale: with +3 dB the peaks clip
     const std::vector<rtp_pkt> out =
         run(rx, {{tx, "127.0.0.1", 5004, 1, code}, {tx, "127.0.0.1", 5006, 2, [](uint32_t) { return dc; }}}, 500);

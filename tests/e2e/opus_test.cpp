@@ -48,8 +48,8 @@ TEST_P(E2eOpus, ToneComesOutAtItsPitchAndLevel)
     const opus_case &c = GetParam();
     netns ns("pe2eo");
     ASSERT_TRUE(ns.ok());
-    daemon_run pelod;
-    ASSERT_TRUE(pelod.start(ns, c.conf)) << pelod.output();
+    ns_pelod pelod(ns, c.conf);
+    ASSERT_TRUE(pelod.up) << pelod.output();
     const std::string wav = tmp_file("", ".wav");
     bg_proc listener, tone;
     ASSERT_TRUE(
