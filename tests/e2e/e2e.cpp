@@ -155,10 +155,8 @@ delay_fit fit_delay(const std::vector<rtp_pkt> &out, const std::function<int32_t
     delay_fit f;
     for (const rtp_pkt &p : out) {
         const std::vector<int32_t> y = l24_channel(p.payload, 1, 0);
-        if (std::all_of(y.begin(), y.end(), [](int32_t v) { return v == 0; })) {
-            f.silent++;
+        if (std::all_of(y.begin(), y.end(), [](int32_t v) { return v == 0; }))
             continue;
-        }
         int found = -1;
         for (int d = dmin; d <= dmax && found < 0; d++) {
             bool all = true;
@@ -225,30 +223,20 @@ tone_measure measure_tone(const std::vector<float> &x)
     return m;
 }
 
-std::vector<float> wav_channel0(const std::string &path)
+std::vector<float> pcm_channel0(const std::string &path)
 {
     const std::string w = read_file(path);
-    std::vector<float> x;
-    if (w.size() < 44 || w.compare(0, 4, "RIFF") != 0)
-        return x;
     const auto *d = reinterpret_cast<const uint8_t *>(w.data());
-    const int ch = d[22], bytes = d[34] / 8;
+    const bool wav = w.size() >= 44 && w.compare(0, 4, "RIFF") == 0;
+    const size_t ch = wav ? d[22] : 1, bytes = wav ? d[34] / 8 : 2, step = ch * bytes;
+    std::vector<float> x;
     if (ch < 1 || (bytes != 2 && bytes != 3))
         return x;
-    for (size_t o = 44; o + size_t(ch * bytes) <= w.size(); o += size_t(ch * bytes)) {
+    for (size_t o = wav ? 44 : 0; o + step <= w.size(); o += step) {
         const int32_t v = bytes == 2 ? int16_t(d[o] | d[o + 1] << 8)
                                      : int32_t(uint32_t(d[o]) << 8 | uint32_t(d[o + 1]) << 16 |
                                                uint32_t(d[o + 2]) << 24) >> 8;
         x.push_back(float(v / (bytes == 2 ? 32767.0 : FULL24)));
     }
-    return x;
-}
-
-std::vector<float> raw_s16(const std::string &path)
-{
-    const std::string r = read_file(path);
-    std::vector<float> x;
-    for (size_t o = 0; o + 2 <= r.size(); o += 2)
-        x.push_back(float(int16_t(uint8_t(r[o]) | uint8_t(r[o + 1]) << 8) / 32767.0));
     return x;
 }

@@ -58,13 +58,10 @@ std::vector<int32_t> l24_channel(const std::vector<uint8_t> &payload, int nchan,
 // The sample at every output timestamp, against the input timestamp it
 // came from: the fit finds, per packet, the delay D (output timestamp minus
 // input timestamp) for which every sample of the packet is expect(ts - D)
-// within `tol`. Silence at one end of a packet is where an input packet
-// came too late to be mixed (a busy machine); the rest must fit.
+// within `tol`. Silent packets are left out.
 struct delay_fit {
     int matched = 0;   // packets that fit
-    int partial = 0;   // of those, with silence at one end
     int unmatched = 0; // packets with sound that fit no delay in range
-    int silent = 0;
     std::map<int, int> delays; // delay -> packets
     std::vector<int> in_order; // delay of each packet that fits
     int mode() const;          // the most frequent delay, -1 when none
@@ -86,7 +83,6 @@ struct tone_measure {
     size_t samples = 0; // analysed
 };
 tone_measure measure_tone(const std::vector<float> &x);
-// Channel 0 of a WAV file (16- or 24-bit PCM), full scale 1.0.
-std::vector<float> wav_channel0(const std::string &path);
-// Raw signed 16-bit little-endian mono, full scale 1.0.
-std::vector<float> raw_s16(const std::string &path);
+// Channel 0 of a WAV file (16- or 24-bit PCM) or else of raw signed
+// 16-bit little-endian mono, full scale 1.0.
+std::vector<float> pcm_channel0(const std::string &path);

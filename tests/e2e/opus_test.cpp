@@ -62,7 +62,7 @@ TEST_P(E2eOpus, ToneComesOutAtItsPitchAndLevel)
     EXPECT_EQ(tone.wait(4000), 0) << tone.err();
     EXPECT_EQ(listener.wait(4000), 0) << listener.out() << listener.err();
 
-    const tone_measure m = measure_tone(wav_channel0(wav));
+    const tone_measure m = measure_tone(pcm_channel0(wav));
     unlink(wav.c_str());
     EXPECT_GT(m.samples, 24000u) << listener.out();
     EXPECT_NEAR(m.rms_dbfs, c.rms_dbfs, 0.5);
