@@ -11,10 +11,13 @@
 
 static in_addr_t ip(const char *a) { return a ? inet_addr(a) : INADDR_ANY; }
 
-ns_pelod::ns_pelod(const netns &ns, const std::string &conf) : pelod_proc(conf)
+ns_pelod::ns_pelod(const netns &ns, const std::string &conf, const std::vector<std::string> &options)
+    : pelod_proc(conf)
 {
     const std::string pid = pid_path();
-    up = !path.empty() && start(ns.cmd({PELOD_BIN, "-p", "-", "-f", path})) &&
+    std::vector<std::string> argv = {PELOD_BIN, "-p", "-", "-f", path};
+    argv.insert(argv.end(), options.begin(), options.end());
+    up = !path.empty() && start(ns.cmd(argv)) &&
          wait_for(3000, [&] { return access(pid.c_str(), F_OK) == 0; });
 }
 

@@ -21,7 +21,7 @@ inline constexpr double FULL24 = 8388607.0;
 // shows the configuration loaded. Stopped (SIGTERM) with the object.
 struct ns_pelod : pelod_proc {
     bool up = false;
-    ns_pelod(const netns &ns, const std::string &conf);
+    ns_pelod(const netns &ns, const std::string &conf, const std::vector<std::string> &options = {});
     int stop(); // its exit status, -1 when it had to be killed
     std::string output() const { return out() + err(); }
     ~ns_pelod();
