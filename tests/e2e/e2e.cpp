@@ -33,8 +33,7 @@ ns_pelod::~ns_pelod()
         stop();
 }
 
-int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group, const char *ifa,
-               const char *ssm)
+int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group, const char *ifa)
 {
     const netns_scope in(ns);
     if (!in.ok())
@@ -49,15 +48,8 @@ int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char
     }
     const in_addr mcif{ip(ifa ? ifa : bind_addr)};
     setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &mcif, sizeof mcif);
-    int r = 0;
-    if (group && ssm) {
-        const ip_mreq_source m{{ip(group)}, {ip(ifa)}, {ip(ssm)}};
-        r = setsockopt(fd, IPPROTO_IP, IP_ADD_SOURCE_MEMBERSHIP, &m, sizeof m);
-    } else if (group) {
-        const ip_mreq m{{ip(group)}, {ip(ifa)}};
-        r = setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof m);
-    }
-    if (r != 0) {
+    const ip_mreq m{{ip(group)}, {ip(ifa)}};
+    if (group && setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof m) != 0) {
         close(fd);
         return -1;
     }
@@ -84,10 +76,8 @@ void rtp_drain(int fd, std::vector<rtp_pkt> &into)
         if (n < 12)
             continue;
         rtp_pkt p;
-        p.pt = b[1] & 0x7F;
         p.seq = be16(b + 2);
         p.ts = be32(b + 4);
-        p.ssrc = be32(b + 8);
         p.from = inet_ntoa(from.sin_addr);
         p.payload.assign(b + 12, b + n);
         into.push_back(std::move(p));

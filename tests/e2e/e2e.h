@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 inline const std::string tone_bin = std::string(PELOD_TOOLS_DIR) + "/pelod-tone";
@@ -27,20 +28,25 @@ struct ns_pelod : pelod_proc {
     ~ns_pelod();
 };
 
+// An empty file under /tmp for a program to write, removed with the object.
+struct tmp_out {
+    const std::string path;
+    explicit tmp_out(const char *suffix) : path(tmp_file("", suffix)) {}
+    ~tmp_out() { unlink(path.c_str()); }
+};
+
 struct rtp_pkt {
-    uint8_t pt = 0;
     uint16_t seq = 0;
-    uint32_t ts = 0, ssrc = 0;
+    uint32_t ts = 0;
     std::string from; // source address
     std::vector<uint8_t> payload;
 };
 
-// A UDP socket made in ns, bound to bind_addr:port (SO_REUSEADDR). With a
-// group: joined on interface ifa, source-specific when ssm is given. As a
-// sender, multicast leaves through ifa (bind_addr when ifa is null).
-// -1 on failure.
+// A UDP socket made in ns, bound to bind_addr:port (SO_REUSEADDR), in
+// `group` on interface ifa when given. As a sender, multicast leaves
+// through ifa (bind_addr when ifa is null). -1 on failure.
 int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group = nullptr,
-               const char *ifa = nullptr, const char *ssm = nullptr);
+               const char *ifa = nullptr);
 void rtp_send(int fd, const char *to, uint16_t port, uint8_t pt, uint16_t seq, uint32_t ts, uint32_t ssrc,
               const std::vector<uint8_t> &payload);
 // Every datagram waiting on fd, as RTP packets (runts are left out).
