@@ -1,5 +1,7 @@
 #include "daemon/vox.h"
 
+#include "daemon/rtlog.h"
+
 #include "daemon/mix.h"
 #include "daemon/pelod.h"
 #include "daemon/shared.h"
@@ -19,12 +21,12 @@ static_assert(std::is_standard_layout_v<pelod_vox_cfg> && std::is_trivially_copy
 int vox_notify_pending;
 
 static int vox_fd = -1;
-static uint32_t vox_socket_failures; // consecutive failed attempts to make the socket
+static unsigned vox_socket_failures; // consecutive failed attempts to make the socket
 
 // Failed attempts between two reports: while the socket cannot be made the
 // notifier retries every block, and a message per block would flood a log
 // (or block on a full pipe).
-static constexpr uint32_t VOX_REPORT_EVERY = 1000;
+static constexpr unsigned VOX_REPORT_EVERY = 1000;
 
 static bool vox_watched(rtp_dst &d) noexcept
 {
@@ -83,31 +85,12 @@ int vox_message(char *buf, int buf_len) noexcept
     return n;
 }
 
-// perror's text, written with one system call and no stdio: the cycle
-// shares the supervisor's stdio locks and must not take them.
-static void vox_report_socket_failure(int err) noexcept
-{
-    if (vox_socket_failures++ % VOX_REPORT_EVERY != 0)
-        return;
-    const char *what = strerrordesc_np(err);
-    std::array<char, 160> line;
-    int n = 0;
-    for (const char *part : {"pelod: vox_notify: ", what ? what : "Unknown error", "\n"}) {
-        const int len = int(strnlen(part, line.size() - size_t(n)));
-        memcpy(line.data() + n, part, size_t(len));
-        n += len;
-    }
-    if (write(STDERR_FILENO, line.data(), size_t(n)) < 0) {
-        // nowhere left to report to
-    }
-}
-
 void vox_notify() noexcept
 {
     if (vox_fd < 0) {
         vox_fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         if (vox_fd < 0) {
-            vox_report_socket_failure(errno);
+            rt_perror("pelod: vox_notify", errno, &vox_socket_failures, VOX_REPORT_EVERY);
             return; // still pending: the next block tries again
         }
         vox_socket_failures = 0;

@@ -2,6 +2,7 @@
 
 #include "daemon/mix.h"
 #include "daemon/pelod.h"
+#include "daemon/rtlog.h"
 #include "daemon/shared.h"
 #include "routing/xpt.h"
 
@@ -338,8 +339,9 @@ void rtp_sk_recvm(rtp_sk *sk, uint32_t rtp_ts_local) noexcept
     }
     const int n = recvmmsg(sk->fd, msgs.data(), RTP_RECV_BATCH, MSG_DONTWAIT, nullptr);
     if (n < 0) {
+        static unsigned failures; // a lasting error would otherwise repeat every millisecond
         if (errno != EAGAIN)
-            perror("pelod: rtp_recvm");
+            rt_perror("pelod: rtp_recvm", errno, &failures, 1000);
         return;
     }
     for (int j = 0; j < n; j++) {
