@@ -33,6 +33,14 @@ ns_pelod::~ns_pelod()
         stop();
 }
 
+std::string idle_crosspoints(int n)
+{
+    std::string s;
+    for (int i = 1; i <= n; i++)
+        s += "XPT mix=idle src=" + std::to_string(100 + i) + "\n";
+    return s;
+}
+
 int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group, const char *ifa)
 {
     const netns_scope in(ns);

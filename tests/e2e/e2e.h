@@ -28,6 +28,9 @@ struct ns_pelod : pelod_proc {
     ~ns_pelod();
 };
 
+// Configuration lines for n more endpoints (channels 101.., in mix idle).
+std::string idle_crosspoints(int n);
+
 // An empty file under /tmp for a program to write, removed with the object.
 struct tmp_out {
     const std::string path;

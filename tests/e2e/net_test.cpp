@@ -45,14 +45,6 @@ struct route_case {
     int second;    // 1: a second source sends to the group too; 2: DC into port 5006 at +3 dB
 };
 
-std::string idle_crosspoints(int n)
-{
-    std::string s;
-    for (int i = 1; i <= n; i++)
-        s += "XPT mix=idle src=" + std::to_string(100 + i) + "\n";
-    return s;
-}
-
 const route_case route_cases[] = {
     {"UnicastAutomaticDelay",
      "XPT mix=m src=127.0.0.1:5004 gain=-6\nSRC mix=m rtpa=127.0.0.1:6000 gainv=-3\n", "127.0.0.1", nullptr,
