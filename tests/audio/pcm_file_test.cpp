@@ -2,6 +2,7 @@
 // ALSA_CONFIG_PATH as a file plugin over the null device: playback goes to
 // a file, capture comes from a file, and the device never fills or drains.
 #include "audio/alsa.h"
+#include "support/alsa_file.h"
 #include "support/capture.h"
 #include "support/daemon.h"
 #include "support/emulation.h"
@@ -17,40 +18,24 @@ using block = std::array<int32_t, 96>;
 // Raw capture word i of block b: 24 bits, bit 23 set on odd i.
 int32_t raw_word(int b, int i) { return (b << 12 | i) | (i % 2 ? 0x800000 : 0); }
 
+// Capture words of 40 blocks.
+std::string capture_words()
+{
+    std::string words;
+    for (int b = 0; b < 40; b++)
+        for (int i = 0; i < 96; i++) {
+            const int32_t w = raw_word(b, i);
+            words.append(reinterpret_cast<const char *>(&w), 4);
+        }
+    return words;
+}
+
 class AlsaFilePlugin : public ::testing::Test { // state: "hw" is the file plugin
 protected:
-    void SetUp() override
-    {
-        std::string words;
-        for (int b = 0; b < 40; b++)
-            for (int i = 0; i < 96; i++) {
-                const int32_t w = raw_word(b, i);
-                words.append(reinterpret_cast<const char *>(&w), 4);
-            }
-        cap_path = tmp_file(words, ".raw");
-        play_path = tmp_file("", ".raw");
-        conf_path = tmp_file(R"(
-pcm.!hw {
-    @args [ CARD DEV SUBDEV ]
-    @args.CARD { type string default "0" }
-    @args.DEV { type integer default 0 }
-    @args.SUBDEV { type integer default -1 }
-    type asym
-    playback.pcm { type file slave.pcm "null" format "raw" file ")" + play_path + R"(" }
-    capture.pcm { type file slave.pcm "null" format "raw" file "/dev/null" infile ")" + cap_path + R"(" }
-}
-)");
-        setenv("ALSA_CONFIG_PATH", ("/usr/share/alsa/alsa.conf:" + conf_path).c_str(), 1);
-        alsa_ply_rewrite = alsa_cap_reread = alsa_loop_cut = alsa_cap_samples = 0;
-    }
-    void TearDown() override
-    {
-        alsa_close();
-        unsetenv("ALSA_CONFIG_PATH");
-        for (const std::string &p : {play_path, cap_path, conf_path})
-            unlink(p.c_str());
-    }
-    std::string play_path, cap_path, conf_path;
+    void SetUp() override { alsa_ply_rewrite = alsa_cap_reread = alsa_loop_cut = alsa_cap_samples = 0; }
+    void TearDown() override { alsa_close(); }
+    const alsa_file_card card{capture_words()};
+    const std::string &play_path = card.play_path;
 };
 
 // The device consumes at once and never drains, so every block played is
@@ -94,24 +79,19 @@ bool grows(const std::string &path)
 TEST_F(AlsaFilePlugin, DaemonKeepsCyclingAndStopsPromptly)
 {
     SKIP_UNDER_EMULATION();
-    for (bool card : {true, false}) {
-        if (!card) {
-            FILE *f = fopen(conf_path.c_str(), "w");
-            ASSERT_NE(f, nullptr);
-            fputs("pcm.!hw { @args [ CARD DEV SUBDEV ] @args.CARD { type string } @args.DEV { type integer } "
-                  "@args.SUBDEV { type integer } type plug slave.pcm \"pelod_no_such_device\" }\n", f);
-            fclose(f);
-        }
+    for (bool works : {true, false}) {
+        if (!works)
+            card.break_card();
         pelod_proc p("# no routes\n");
         ASSERT_TRUE(p.start_up()) << p.err();
-        EXPECT_TRUE(!card || wait_for(3000, [&] { return grows(play_path); }));
-        EXPECT_TRUE(!card || grows(play_path)) << "still playing a moment later";
+        EXPECT_TRUE(!works || wait_for(3000, [&] { return grows(play_path); }));
+        EXPECT_TRUE(!works || grows(play_path)) << "still playing a moment later";
         p.signal(SIGTERM);
         EXPECT_EQ(p.wait(2000), 0); // else killed after two seconds
         const std::string err = p.err();
         EXPECT_NE(err.find("DSP exited with status 0"), std::string::npos) << err;
         const size_t at = err.find("Cannot open playback device hw:0,0 (");
-        EXPECT_EQ(at == std::string::npos, card) << err;
+        EXPECT_EQ(at == std::string::npos, works) << err;
         EXPECT_EQ(err.find("Cannot open", at + 1), std::string::npos) << err; // npos + 1: from the start
     }
     EXPECT_EQ(read_file(play_path).find_first_not_of('\0'), std::string::npos);

@@ -39,12 +39,11 @@ TEST(E2eBackoff, HigherAddressGivesTheGroupUpUntilTheOtherStops)
     ASSERT_EQ(hub.sh("ip link set " + port_a + " nomaster && ip link set " + port_b + " nomaster"), 0);
     // 20 more endpoints: a sender resumes after 21 packets without the
     // other, more than a busy machine's wake-ups ever leave out
-    std::string idle;
-    for (int i = 1; i <= 20; i++)
-        idle += "XPT mix=idle src=" + std::to_string(100 + i) + "\n";
-    daemon_run low, high;
-    ASSERT_TRUE(low.start(a, "GLB ifs=10.77.1.1\nSRC mix=m rtpa=239.192.0.9:5004\n" + idle)) << low.output();
-    ASSERT_TRUE(high.start(b, "GLB ifs=10.77.1.2\nSRC mix=m rtpa=239.192.0.9:5004\n" + idle)) << high.output();
+    const std::string idle = idle_crosspoints(20);
+    ns_pelod low(a, "GLB ifs=10.77.1.1\nSRC mix=m rtpa=239.192.0.9:5004\n" + idle);
+    ASSERT_TRUE(low.up) << low.output();
+    ns_pelod high(b, "GLB ifs=10.77.1.2\nSRC mix=m rtpa=239.192.0.9:5004\n" + idle);
+    ASSERT_TRUE(high.up) << high.output();
     usleep(200000);
     EXPECT_TRUE(senders(rx, 100).empty());
     ASSERT_EQ(hub.sh("ip link set " + port_a + " master br0 && ip link set " + port_b + " master br0"), 0);

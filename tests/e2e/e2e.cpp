@@ -9,46 +9,39 @@
 #include <sched.h>
 #include <unistd.h>
 
-namespace {
+static in_addr_t ip(const char *a) { return a ? inet_addr(a) : INADDR_ANY; }
 
-std::string conf_base(const std::string &conf)
+ns_pelod::ns_pelod(const netns &ns, const std::string &conf, const std::vector<std::string> &options)
+    : pelod_proc(conf)
 {
-    std::string b = conf.substr(conf.rfind('/') + 1);
-    return b.substr(0, b.rfind('.'));
+    const std::string pid = pid_path();
+    std::vector<std::string> argv = {PELOD_BIN, "-p", "-", "-f", path};
+    argv.insert(argv.end(), options.begin(), options.end());
+    up = !path.empty() && start(ns.cmd(argv)) &&
+         wait_for(3000, [&] { return access(pid.c_str(), F_OK) == 0; });
 }
 
-bool file_exists(void *path) { return access(static_cast<std::string *>(path)->c_str(), F_OK) == 0; }
-
-in_addr_t ip(const char *a) { return a ? inet_addr(a) : INADDR_ANY; }
-
-} // namespace
-
-bool daemon_run::start(const netns &ns, const std::string &config)
+int ns_pelod::stop()
 {
-    conf = tmp_file(config);
-    std::string pid = "/var/run/" + conf_base(conf) + ".pid";
-    return !conf.empty() && proc.start(ns.cmd({PELOD_BIN, "-p", "-", "-f", conf})) &&
-           wait_until(3000, file_exists, &pid);
+    signal(SIGTERM);
+    return wait(3000);
 }
 
-int daemon_run::stop()
+ns_pelod::~ns_pelod()
 {
-    proc.signal(SIGTERM);
-    return proc.wait(3000);
-}
-
-daemon_run::~daemon_run()
-{
-    if (proc.pid > 0)
+    if (pid > 0)
         stop();
-    if (conf.empty())
-        return;
-    unlink(conf.c_str());
-    unlink(("/tmp/" + conf_base(conf) + ".stat").c_str());
 }
 
-int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group, const char *ifa,
-               const char *ssm)
+std::string idle_crosspoints(int n)
+{
+    std::string s;
+    for (int i = 1; i <= n; i++)
+        s += "XPT mix=idle src=" + std::to_string(100 + i) + "\n";
+    return s;
+}
+
+int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group, const char *ifa)
 {
     const netns_scope in(ns);
     if (!in.ok())
@@ -63,15 +56,8 @@ int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char
     }
     const in_addr mcif{ip(ifa ? ifa : bind_addr)};
     setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &mcif, sizeof mcif);
-    int r = 0;
-    if (group && ssm) {
-        const ip_mreq_source m{{ip(group)}, {ip(ifa)}, {ip(ssm)}};
-        r = setsockopt(fd, IPPROTO_IP, IP_ADD_SOURCE_MEMBERSHIP, &m, sizeof m);
-    } else if (group) {
-        const ip_mreq m{{ip(group)}, {ip(ifa)}};
-        r = setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof m);
-    }
-    if (r != 0) {
+    const ip_mreq m{{ip(group)}, {ip(ifa)}};
+    if (group && setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof m) != 0) {
         close(fd);
         return -1;
     }
@@ -98,10 +84,8 @@ void rtp_drain(int fd, std::vector<rtp_pkt> &into)
         if (n < 12)
             continue;
         rtp_pkt p;
-        p.pt = b[1] & 0x7F;
         p.seq = be16(b + 2);
         p.ts = be32(b + 4);
-        p.ssrc = be32(b + 8);
         p.from = inet_ntoa(from.sin_addr);
         p.payload.assign(b + 12, b + n);
         into.push_back(std::move(p));
@@ -172,10 +156,8 @@ delay_fit fit_delay(const std::vector<rtp_pkt> &out, const std::function<int32_t
     delay_fit f;
     for (const rtp_pkt &p : out) {
         const std::vector<int32_t> y = l24_channel(p.payload, 1, 0);
-        if (std::all_of(y.begin(), y.end(), [](int32_t v) { return v == 0; })) {
-            f.silent++;
+        if (std::all_of(y.begin(), y.end(), [](int32_t v) { return v == 0; }))
             continue;
-        }
         int found = -1;
         for (int d = dmin; d <= dmax && found < 0; d++) {
             bool all = true;
@@ -242,30 +224,20 @@ tone_measure measure_tone(const std::vector<float> &x)
     return m;
 }
 
-std::vector<float> wav_channel0(const std::string &path)
+std::vector<float> pcm_channel0(const std::string &path)
 {
     const std::string w = read_file(path);
-    std::vector<float> x;
-    if (w.size() < 44 || w.compare(0, 4, "RIFF") != 0)
-        return x;
     const auto *d = reinterpret_cast<const uint8_t *>(w.data());
-    const int ch = d[22], bytes = d[34] / 8;
+    const bool wav = w.size() >= 44 && w.compare(0, 4, "RIFF") == 0;
+    const size_t ch = wav ? d[22] : 1, bytes = wav ? d[34] / 8 : 2, step = ch * bytes;
+    std::vector<float> x;
     if (ch < 1 || (bytes != 2 && bytes != 3))
         return x;
-    for (size_t o = 44; o + size_t(ch * bytes) <= w.size(); o += size_t(ch * bytes)) {
+    for (size_t o = wav ? 44 : 0; o + step <= w.size(); o += step) {
         const int32_t v = bytes == 2 ? int16_t(d[o] | d[o + 1] << 8)
                                      : int32_t(uint32_t(d[o]) << 8 | uint32_t(d[o + 1]) << 16 |
                                                uint32_t(d[o + 2]) << 24) >> 8;
         x.push_back(float(v / (bytes == 2 ? 32767.0 : FULL24)));
     }
-    return x;
-}
-
-std::vector<float> raw_s16(const std::string &path)
-{
-    const std::string r = read_file(path);
-    std::vector<float> x;
-    for (size_t o = 0; o + 2 <= r.size(); o += 2)
-        x.push_back(float(int16_t(uint8_t(r[o]) | uint8_t(r[o + 1]) << 8) / 32767.0));
     return x;
 }

@@ -2,6 +2,7 @@
 // namespace, RTP sockets in that namespace, a paced sender on the media
 // clock, and the measures the tests take of what comes out.
 #pragma once
+#include "support/daemon.h"
 #include "support/netns.h"
 #include "support/proc.h"
 #include "support/rtp_wire.h"
@@ -10,40 +11,45 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 inline const std::string tone_bin = std::string(PELOD_TOOLS_DIR) + "/pelod-tone";
 inline const std::string listen_bin = std::string(PELOD_TOOLS_DIR) + "/pelod-listen";
 inline constexpr double FULL24 = 8388607.0;
 
-// The daemon, run in `ns` on the system clock with a temporary
-// configuration. Stopped (SIGTERM) and cleaned up with the object.
-struct daemon_run {
-    std::string conf;
-    bg_proc proc;
-    // Starts and waits until the configuration is loaded (the pid file is
-    // written after the load). False when it does not come up.
-    bool start(const netns &ns, const std::string &config);
-    // Stops it; its exit status, -1 when it had to be killed.
-    int stop();
-    std::string output() const { return proc.out() + proc.err(); }
-    ~daemon_run();
+// The daemon started in `ns` on the system clock; `up` once the pid file
+// shows the configuration loaded. Stopped (SIGTERM) with the object.
+struct ns_pelod : pelod_proc {
+    bool up = false;
+    ns_pelod(const netns &ns, const std::string &conf, const std::vector<std::string> &options = {});
+    int stop(); // its exit status, -1 when it had to be killed
+    std::string output() const { return out() + err(); }
+    ~ns_pelod();
+};
+
+// Configuration lines for n more endpoints (channels 101.., in mix idle).
+std::string idle_crosspoints(int n);
+
+// An empty file under /tmp for a program to write, removed with the object.
+struct tmp_out {
+    const std::string path;
+    explicit tmp_out(const char *suffix) : path(tmp_file("", suffix)) {}
+    ~tmp_out() { unlink(path.c_str()); }
 };
 
 struct rtp_pkt {
-    uint8_t pt = 0;
     uint16_t seq = 0;
-    uint32_t ts = 0, ssrc = 0;
+    uint32_t ts = 0;
     std::string from; // source address
     std::vector<uint8_t> payload;
 };
 
-// A UDP socket made in ns, bound to bind_addr:port (SO_REUSEADDR). With a
-// group: joined on interface ifa, source-specific when ssm is given. As a
-// sender, multicast leaves through ifa (bind_addr when ifa is null).
-// -1 on failure.
+// A UDP socket made in ns, bound to bind_addr:port (SO_REUSEADDR), in
+// `group` on interface ifa when given. As a sender, multicast leaves
+// through ifa (bind_addr when ifa is null). -1 on failure.
 int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group = nullptr,
-               const char *ifa = nullptr, const char *ssm = nullptr);
+               const char *ifa = nullptr);
 void rtp_send(int fd, const char *to, uint16_t port, uint8_t pt, uint16_t seq, uint32_t ts, uint32_t ssrc,
               const std::vector<uint8_t> &payload);
 // Every datagram waiting on fd, as RTP packets (runts are left out).
@@ -61,13 +67,10 @@ std::vector<int32_t> l24_channel(const std::vector<uint8_t> &payload, int nchan,
 // The sample at every output timestamp, against the input timestamp it
 // came from: the fit finds, per packet, the delay D (output timestamp minus
 // input timestamp) for which every sample of the packet is expect(ts - D)
-// within `tol`. Silence at one end of a packet is where an input packet
-// came too late to be mixed (a busy machine); the rest must fit.
+// within `tol`. Silent packets are left out.
 struct delay_fit {
     int matched = 0;   // packets that fit
-    int partial = 0;   // of those, with silence at one end
     int unmatched = 0; // packets with sound that fit no delay in range
-    int silent = 0;
     std::map<int, int> delays; // delay -> packets
     std::vector<int> in_order; // delay of each packet that fits
     int mode() const;          // the most frequent delay, -1 when none
@@ -89,7 +92,6 @@ struct tone_measure {
     size_t samples = 0; // analysed
 };
 tone_measure measure_tone(const std::vector<float> &x);
-// Channel 0 of a WAV file (16- or 24-bit PCM), full scale 1.0.
-std::vector<float> wav_channel0(const std::string &path);
-// Raw signed 16-bit little-endian mono, full scale 1.0.
-std::vector<float> raw_s16(const std::string &path);
+// Channel 0 of a WAV file (16- or 24-bit PCM) or else of raw signed
+// 16-bit little-endian mono, full scale 1.0.
+std::vector<float> pcm_channel0(const std::string &path);

@@ -1,38 +1,30 @@
-// Features through the built daemon on 127.0.0.1: the report file, the
-// voice-activity notifications, the sound card (alsa-lib with "hw"
-// redefined as a file plugin) and the limiter of outgoing streams. The test
-// sends and receives RTP itself.
+// Features through the built daemon in a network namespace of the test's
+// own: the report file, the voice-activity notifications, the sound card
+// (alsa-lib with "hw" redefined as a file plugin) and the limiter of
+// outgoing streams. The test sends and receives RTP itself.
 #include "audio/CG_LimCom_interface.h"
 #include "audio/alsa.h"
 #include "config/pelocfg.h"
 #include "daemon/mix.h"
-#include "daemon/pelod.h"
-#include "support/emulation.h"
-#include "support/proc.h"
+#include "e2e.h"
+#include "support/alsa_file.h"
 
-#include <algorithm>
-#include <arpa/inet.h>
 #include <array>
 #include <chrono>
 #include <cmath>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <gtest/gtest.h>
-#include <map>
+#include <memory>
 #include <new>
 #include <poll.h>
 #include <sstream>
-#include <tuple>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 using texts = std::vector<std::string>;
 using samples = std::vector<int32_t>;
 
-constexpr double FULL24 = 8388607.0;
 // Playout delay of the test's streams: a packet of the busy machine's
 // sender may come this late and still play in place (whole blocks).
 const std::string SLACK = "960";
@@ -46,105 +38,28 @@ samples tone(double amp)
     return b;
 }
 
-int32_t sext24(uint32_t w) { return int32_t(w << 8) >> 8; }
-
-template <class F> bool eventually(int timeout_ms, F pred)
+// Every datagram waiting on fd now, or within wait_ms for the first one.
+texts take(int fd, int wait_ms = 0)
 {
-    for (int waited = 0; waited < timeout_ms; waited += 10) {
-        if (pred())
-            return true;
-        usleep(10000);
-    }
-    return pred();
+    texts got;
+    pollfd p{fd, POLLIN, 0};
+    char buf[2048];
+    if (poll(&p, 1, wait_ms) > 0)
+        for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) >= 0;)
+            got.emplace_back(buf, size_t(n));
+    return got;
 }
 
-std::string lo(uint16_t port) { return "127.0.0.1:" + std::to_string(port); }
-
-sockaddr_in loopback(uint16_t port)
+// 1: every value is want(i) within tol; 0: all are zero; -1: neither.
+template <class W> int tone_or_silence(const samples &got, W want, double tol)
 {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return a;
+    bool silent = true, tone = true;
+    for (size_t i = 0; i < got.size(); i++) {
+        silent = silent && got[i] == 0;
+        tone = tone && std::fabs(got[i] - want(i)) <= tol;
+    }
+    return tone ? 1 : silent ? 0 : -1;
 }
-
-// A UDP socket on 127.0.0.1 at a port the kernel hands out.
-struct udp_sock {
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    uint16_t port = 0;
-    udp_sock()
-    {
-        sockaddr_in a = loopback(0);
-        socklen_t l = sizeof a;
-        bind(fd, reinterpret_cast<sockaddr *>(&a), l);
-        getsockname(fd, reinterpret_cast<sockaddr *>(&a), &l);
-        port = ntohs(a.sin_port);
-    }
-    ~udp_sock() { close(fd); }
-    udp_sock(const udp_sock &) = delete;
-    udp_sock &operator=(const udp_sock &) = delete;
-    // Every datagram waiting now, or within wait_ms for the first one.
-    texts take(int wait_ms = 0) const
-    {
-        texts got;
-        pollfd p{fd, POLLIN, 0};
-        char buf[2048];
-        if (poll(&p, 1, wait_ms) > 0)
-            for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) >= 0;)
-                got.emplace_back(buf, size_t(n));
-        return got;
-    }
-    // One RTP packet of 24-bit samples, big-endian, payload type 96.
-    void send_rtp(uint16_t to, uint16_t seq, uint32_t ts, const samples &v) const
-    {
-        std::vector<uint8_t> p = {0x80, 96, uint8_t(seq >> 8), uint8_t(seq)};
-        for (uint32_t w : {ts, 0x5E11D00Du})
-            for (int sh = 24; sh >= 0; sh -= 8)
-                p.push_back(uint8_t(w >> sh));
-        for (int32_t x : v)
-            for (int sh = 16; sh >= 0; sh -= 8)
-                p.push_back(uint8_t(uint32_t(x) >> sh));
-        const sockaddr_in a = loopback(to);
-        sendto(fd, p.data(), p.size(), 0, reinterpret_cast<const sockaddr *>(&a), sizeof a);
-    }
-};
-
-// The samples of an RTP packet of 24-bit PCM (12-byte header).
-samples samples_of(const std::string &pkt)
-{
-    samples v;
-    const auto *b = reinterpret_cast<const uint8_t *>(pkt.data());
-    for (size_t i = 12; i + 3 <= pkt.size(); i += 3)
-        v.push_back(sext24(uint32_t(b[i]) << 16 | uint32_t(b[i + 1]) << 8 | b[i + 2]));
-    return v;
-}
-
-// Distinct ports that were free a moment ago, for the daemon to bind.
-std::vector<uint16_t> free_ports(size_t n)
-{
-    std::vector<udp_sock> held(n);
-    std::vector<uint16_t> ports;
-    for (const udp_sock &s : held)
-        ports.push_back(s.port);
-    return ports;
-}
-
-// Sleeps to the next whole millisecond after the previous call, as a
-// sender paced by a clock would.
-struct pacer {
-    timespec next{};
-    pacer() { clock_gettime(CLOCK_MONOTONIC, &next); }
-    void tick()
-    {
-        next.tv_nsec += 1000000;
-        if (next.tv_nsec >= 1000000000) {
-            next.tv_nsec -= 1000000000;
-            next.tv_sec++;
-        }
-        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &next, nullptr);
-    }
-};
 
 // Columns of one flow row of the report, by the names in the header line.
 std::map<std::string, std::string> flow_row(const std::string &report, const std::string &index)
@@ -164,112 +79,72 @@ std::map<std::string, std::string> flow_row(const std::string &report, const std
     return row;
 }
 
-// One daemon per case, with its own configuration, report and pid file.
-class RunningDaemon : public ::testing::Test {
+// One daemon per case in a namespace of its own: the test's ports are
+// fixed, the input streams come from 127.0.0.1:5000.
+class E2eFeatures : public ::testing::Test {
 protected:
-    void SetUp() override { SKIP_UNDER_EMULATION(); }
+    void SetUp() override
+    {
+        SKIP_WITHOUT_NETNS();
+        ns = std::make_unique<netns>("pe2ef");
+        ASSERT_TRUE(ns->ok());
+        net = udp_socket(*ns, "127.0.0.1", 5000);
+        ASSERT_GE(net, 0);
+    }
     void TearDown() override
     {
-        if (daemon.pid > 0) {
-            daemon.signal(SIGTERM);
-            EXPECT_EQ(daemon.wait(3000), 0) << daemon.err();
+        if (daemon && daemon->pid > 0) {
+            EXPECT_EQ(daemon->stop(), 0) << daemon->output();
         }
-        unsetenv("ALSA_CONFIG_PATH");
-        for (const std::string &f : files)
-            unlink(f.c_str());
-        if (!card_dir.empty())
-            rmdir(card_dir.c_str());
+        close(net);
     }
-    void start(const std::string &conf_text, const std::vector<std::string> &options = {})
+    void start(const std::string &conf, const std::vector<std::string> &options = {})
     {
-        const std::string conf = keep(tmp_file(conf_text));
-        report = keep(conf.substr(0, conf.rfind('.')) + ".stat");
-        char pid[4096];
-        pidfile_name(pid, sizeof pid, conf.c_str());
-        std::vector<std::string> argv = {PELOD_BIN, "-p", "-", "-f", conf};
-        argv.insert(argv.end(), options.begin(), options.end());
-        ASSERT_TRUE(daemon.start(argv));
-        // the pid file is written once the configuration is applied
-        ASSERT_TRUE(eventually(3000, [&] { return access(pid, F_OK) == 0; })) << daemon.err();
+        daemon = std::make_unique<ns_pelod>(*ns, conf, options);
+        report = daemon->path.substr(0, daemon->path.rfind('.')) + ".stat";
+        ASSERT_TRUE(daemon->up) << daemon->output();
     }
-    // "hw" becomes a file plugin over the null device: playback into
-    // play_path, capture from these stereo words. The device never fills
-    // nor drains, so the daemon writes and reads up to its bound each block.
-    void file_card(const samples &capture)
-    {
-        char tmpl[] = "/tmp/pelode2eXXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        card_dir = tmpl;
-        play_path = keep(card_dir + "/play.raw");
-        const std::string cap = keep(card_dir + "/capture.raw"), conf = keep(card_dir + "/hw.conf");
-        const std::string text = R"(pcm.!hw {
-    @args [ CARD DEV SUBDEV ]
-    @args.CARD { type string default "0" }
-    @args.DEV { type integer default 0 }
-    @args.SUBDEV { type integer default -1 }
-    type asym
-    playback.pcm { type file slave.pcm "null" format "raw" file ")" + play_path + R"(" }
-    capture.pcm { type file slave.pcm "null" format "raw" file "/dev/null" infile ")" + cap + R"(" }
-}
-)";
-        for (const auto &[path, data, n] : {std::tuple{conf, text.data(), text.size()},
-                                            std::tuple{cap, reinterpret_cast<const char *>(capture.data()),
-                                                       capture.size() * 4}}) {
-            FILE *f = fopen(path.c_str(), "wb");
-            ASSERT_NE(f, nullptr);
-            EXPECT_EQ(fwrite(data, 1, n, f), n);
-            fclose(f);
-        }
-        setenv("ALSA_CONFIG_PATH", ("/usr/share/alsa/alsa.conf:" + conf).c_str(), 1);
-    }
-    // Sends packets number first..last-1 of 1-ms streams, paced: each
-    // input port gets its samples every millisecond; each() runs after.
+    // Sends packets number first..last-1 of 1-ms mono streams, paced:
+    // each input port gets its samples every millisecond; each() runs after.
     template <class F>
     void stream(int first, int last, const std::vector<std::pair<uint16_t, samples>> &inputs, F each)
     {
-        pacer clock;
-        for (int n = first; n < last; n++) {
-            clock.tick();
+        paced_1ms(last - first, [&](int k, uint32_t) {
+            const int n = first + k;
             for (const auto &[port, v] : inputs)
-                net.send_rtp(port, uint16_t(n), 48u * uint32_t(n), v);
+                rtp_send(net, "127.0.0.1", port, 96, uint16_t(n), 48u * uint32_t(n), 0x5E11D00D, pcm24(v));
             each();
-        }
+        });
     }
-    std::string keep(const std::string &path)
-    {
-        files.push_back(path);
-        return path;
-    }
-    bg_proc daemon;
-    udp_sock net; // the test's peer: sends the streams in, receives what comes out
-    std::string report, play_path, card_dir;
-    std::vector<std::string> files;
+    std::unique_ptr<netns> ns;
+    std::unique_ptr<alsa_file_card> card; // outlives the daemon
+    std::unique_ptr<ns_pelod> daemon;
+    int net = -1; // the test's peer: sends the streams in
+    std::string report;
 };
 
-TEST_F(RunningDaemon, ReportCountsWhatTheSenderCausedAndUsr1ZeroesIt)
+TEST_F(E2eFeatures, ReportCountsWhatTheSenderCausedAndUsr1ZeroesIt)
 {
-    const uint16_t port = free_ports(1)[0];
-    start("XPT mix=m src=" + lo(port) + " fmt=L24/48000/1\n");
+    start("XPT mix=m src=127.0.0.1:5004 fmt=L24/48000/1\n");
     const samples quiet(48, 1000);
-    pacer clock;
-    for (uint16_t seq = 0; seq < 20; seq++) {
-        clock.tick();
+    const auto send = [&](int seq) { rtp_send(net, "127.0.0.1", 5004, 96, uint16_t(seq), 48u * seq, 1, pcm24(quiet)); };
+    paced_1ms(20, [&](int seq, uint32_t) {
         if (seq < 10 || seq > 12) // a gap of three
-            net.send_rtp(port, seq, 48u * seq, quiet);
-    }
-    net.send_rtp(port, 19, 48u * 19, quiet); // a repeat
+            send(seq);
+    });
+    send(19); // a repeat
     // the first packet only teaches sequence and time, and so does the repeat
     const std::map<std::string, std::string> want = {{"PKTS", "18"}, {"GOOD", "15"}, {"DROP", "3"},
                                                      {"DUPL", "1"},  {"SEQE", "2"},  {"SRST", "1"}};
     std::map<std::string, std::string> row;
-    EXPECT_TRUE(eventually(3000, [&] { return (row = flow_row(read_file(report), "00"))["PKTS"] == "18"; }))
+    EXPECT_TRUE(wait_for(3000, [&] { return (row = flow_row(read_file(report), "00"))["PKTS"] == "18"; }))
         << read_file(report);
     for (const auto &[column, value] : want)
         EXPECT_EQ(row[column], value) << column;
     EXPECT_GE(atol(row["SYNC"].c_str()), 1) << "the stream was locked";
-    EXPECT_EQ(row["Channel"], lo(port));
+    EXPECT_EQ(row["Channel"], "127.0.0.1:5004");
 
-    daemon.signal(SIGUSR1);
+    daemon->signal(SIGUSR1);
     const auto zeroed = [&] {
         row = flow_row(read_file(report), "00");
         for (const char *c : {"SYNC", "PKTS", "SRST", "SEQE", "DROP", "DUPL", "LATE", "GOOD"})
@@ -277,70 +152,56 @@ TEST_F(RunningDaemon, ReportCountsWhatTheSenderCausedAndUsr1ZeroesIt)
                 return false;
         return true;
     };
-    EXPECT_TRUE(eventually(3000, zeroed)) << read_file(report);
+    EXPECT_TRUE(wait_for(3000, zeroed)) << read_file(report);
 }
 
-TEST_F(RunningDaemon, TalkerStartAndEndAreAnnouncedAndHupRepeatsTheList)
+TEST_F(E2eFeatures, TalkerStartAndEndAreAnnouncedAndHupRepeatsTheList)
 {
-    const udp_sock notes;
-    const uint16_t port = free_ports(1)[0];
-    const std::string name = lo(port);
-    start("XPT mix=m src=" + name + " fmt=L24/48000/1 vox=1;t=-20;h=0.4\n",
-          {"--vox-notify-port=" + std::to_string(notes.port)});
-    const texts talking = {R"({"vox":[")" + name + R"("]})"};
+    const int notes = udp_socket(*ns, "127.0.0.1", 6100);
+    start("XPT mix=m src=127.0.0.1:5004 fmt=L24/48000/1 vox=1;t=-20;h=0.4\n", {"--vox-notify-port=6100"});
+    const texts talking = {R"({"vox":["127.0.0.1:5004"]})"};
     texts got;
     const auto listen = [&] {
-        for (std::string &t : notes.take())
+        for (std::string &t : take(notes))
             got.push_back(std::move(t));
     };
     const samples loud(48, int32_t(0.5 * FULL24)); // the first sample of a packet counts
-    stream(0, 200, {{port, loud}}, listen);
+    stream(0, 200, {{5004, loud}}, listen);
     EXPECT_EQ(got, talking) << "start of talk";
     got.clear();
-    daemon.signal(SIGHUP);
-    stream(200, 500, {{port, loud}}, listen);
+    daemon->signal(SIGHUP);
+    stream(200, 500, {{5004, loud}}, listen);
     EXPECT_EQ(got, talking) << "the reload announces the current list once";
     const auto silent = std::chrono::steady_clock::now();
-    EXPECT_EQ(notes.take(2000), texts{R"({"vox":[]})"}) << "end of talk";
+    EXPECT_EQ(take(notes, 2000), texts{R"({"vox":[]})"}) << "end of talk";
     EXPECT_GE(std::chrono::steady_clock::now() - silent, std::chrono::milliseconds(390))
         << "held for 0.4 s after the last loud packet";
+    close(notes);
 }
 
-// Blocks of the played file (96 interleaved words) that hold the tone with
-// the channel gains, within the conversions' rounding; -1 when a block is
-// neither that nor silence.
-int tone_blocks(const std::string &raw, const samples &t, double gain_l, double gain_r)
+TEST_F(E2eFeatures, PlaysAMixRoutedToTheCardIntoThePlaybackFile)
 {
-    int found = 0;
-    for (size_t at = 0; at + 384 <= raw.size(); at += 384) {
-        std::array<int32_t, 96> w;
-        memcpy(w.data(), raw.data() + at, 384);
-        bool silent = true, tone = true;
-        for (size_t i = 0; i < 96; i++) {
-            const double want = t[i / 2] * (i % 2 ? gain_r : gain_l);
-            silent = silent && w[i] == 0;
-            tone = tone && std::fabs(sext24(uint32_t(w[i])) - want) <= 2;
-        }
-        if (!silent && !tone)
-            return -1;
-        found += tone;
-    }
-    return found;
-}
-
-TEST_F(RunningDaemon, PlaysAMixRoutedToTheCardIntoThePlaybackFile)
-{
-    file_card(samples(96, 0));
-    const uint16_t port = free_ports(1)[0];
-    start("XPT mix=spk src=" + lo(port) + " fmt=L24/48000/1 pdly=" + SLACK + "\n"
+    card = std::make_unique<alsa_file_card>(std::string(384, '\0'));
+    start("XPT mix=spk src=127.0.0.1:5004 fmt=L24/48000/1 pdly=" + SLACK + "\n"
           "SRC mix=spk:spk rtpa=alsa:0 gainv=0;-6\n");
     const samples in = tone(0.5);
-    stream(0, 300, {{port, in}}, [] {});
-    const int played = tone_blocks(read_file(play_path), in, 1.0, std::pow(10.0, -0.3));
-    EXPECT_GE(played, 200) << "nothing but silence and the tone, left at 0 dB and right at -6 dB";
+    stream(0, 300, {{5004, in}}, [] {});
+    // blocks of 96 interleaved 24-bit words, left at 0 dB and right at -6 dB
+    const std::string raw = read_file(card->play_path);
+    int played = 0;
+    for (size_t at = 0; at + 384 <= raw.size(); at += 384) {
+        samples w(96);
+        memcpy(w.data(), raw.data() + at, 384);
+        for (int32_t &v : w)
+            v = int32_t(uint32_t(v) << 8) >> 8;
+        const int r = tone_or_silence(w, [&](size_t i) { return in[i / 2] * (i % 2 ? std::pow(10.0, -0.3) : 1.0); }, 2);
+        ASSERT_GE(r, 0) << "nothing but silence and the tone, block " << at / 384;
+        played += r;
+    }
+    EXPECT_GE(played, 200);
 }
 
-TEST_F(RunningDaemon, SendsTheCapturedLeftChannelInAStream)
+TEST_F(E2eFeatures, SendsTheCapturedLeftChannelInAStream)
 {
     const samples left = tone(0.5);
     // 24 bits in 32-bit words, as the card delivers them. The daemon reads
@@ -349,25 +210,23 @@ TEST_F(RunningDaemon, SendsTheCapturedLeftChannelInAStream)
     for (int b = 0; b < ALSA_LOOP_MAX * 1000; b++)
         for (int32_t v : left)
             words.insert(words.end(), {int32_t(uint32_t(v) & 0xFFFFFF), 0x123456});
-    file_card(words);
-    const udp_sock out;
-    start("XPT mix=mic src=alsa:0\nSRC mix=mic rtpa=" + lo(out.port) + " ifa=" + lo(free_ports(1)[0]) +
-          " fmt=L24/48000/1\n");
+    card = std::make_unique<alsa_file_card>(std::string(reinterpret_cast<const char *>(words.data()), words.size() * 4));
+    const int out = udp_socket(*ns, "127.0.0.1", 6000);
+    start("XPT mix=mic src=alsa:0\nSRC mix=mic rtpa=127.0.0.1:6000 ifa=127.0.0.1:7000 fmt=L24/48000/1\n");
     int packets = 0, tone_packets = 0;
-    eventually(2000, [&] {
-        for (const std::string &pkt : out.take()) {
-            const samples got = samples_of(pkt);
-            bool silent = got.size() == 48, tone = got.size() == 48;
-            for (size_t k = 0; k < got.size() && k < 48; k++) {
-                silent = silent && got[k] == 0;
-                tone = tone && std::abs(got[k] - left[k]) <= 1;
-            }
-            EXPECT_TRUE(silent || tone) << "packet " << packets;
+    wait_for(2000, [&] {
+        std::vector<rtp_pkt> pkts;
+        rtp_drain(out, pkts);
+        for (const rtp_pkt &pkt : pkts) {
+            const samples got = l24_channel(pkt.payload, 1, 0);
+            const int r = got.size() == 48 ? tone_or_silence(got, [&](size_t k) { return left[k]; }, 1) : -1;
+            EXPECT_GE(r, 0) << "packet " << packets;
             packets++;
-            tone_packets += tone;
+            tone_packets += r == 1;
         }
         return tone_packets >= 100;
     });
+    close(out);
     EXPECT_GE(tone_packets, 100);
 }
 
@@ -395,37 +254,39 @@ std::array<float, 96> settled_2ch(const char *lce, const std::array<std::vector<
     return out;
 }
 
-TEST_F(RunningDaemon, LimitedStreamsSendTheSteadyLevelOfTheModel)
+TEST_F(E2eFeatures, LimitedStreamsSendTheSteadyLevelOfTheModel)
 {
     struct row {
-        const char *lce; // empty: no limiter
+        const char *lce;
         bool stereo;     // mono: a constant 0.5; stereo: a tone at 0.5 and -6 dB below
         double T, R;
     };
     const row rows[] = {
-        {"", false, 0, 0},
         {"1;a=1;r=10;T=1;R=4", false, 1, 4},     // below the threshold: the drive only
         {"1;a=1;r=10;T=0.25;R=4", false, 0.25, 4}, // twice the threshold
         {"1;a=1;r=1;T=0.1;R=2", true, 0, 0},
         {"1;i=10;a=1;r=1;T=0.1;R=2", true, 0, 0}, // channels swapped
     };
-    const std::vector<uint16_t> ports = free_ports(2 + std::size(rows));
-    std::vector<udp_sock> outs(std::size(rows));
+    // row i goes out to 127.0.0.1:600i from 127.0.0.1:700i
     const std::string in = " fmt=L24/48000/1 pdly=" + SLACK;
-    std::string conf = "XPT mix=dc src=" + lo(ports[0]) + in + "\nXPT mix=a src=" + lo(ports[1]) + in +
-                       "\nXPT mix=b src=" + lo(ports[1]) + in + " gain=-6\n";
-    for (size_t i = 0; i < std::size(rows); i++)
-        conf += std::string("SRC mix=") + (rows[i].stereo ? "a:b" : "dc") + " rtpa=" + lo(outs[i].port) +
-                " ifa=" + lo(ports[2 + i]) + (rows[i].stereo ? " fmt=L24/48000/2" : " fmt=L24/48000/1") +
-                (*rows[i].lce ? std::string(" lce=") + rows[i].lce : "") + "\n";
+    std::string conf = "XPT mix=dc src=127.0.0.1:5004" + in + "\nXPT mix=a src=127.0.0.1:5006" + in +
+                       "\nXPT mix=b src=127.0.0.1:5006" + in + " gain=-6\n";
+    std::vector<int> outs;
+    for (size_t i = 0; i < std::size(rows); i++) {
+        outs.push_back(udp_socket(*ns, "127.0.0.1", uint16_t(6000 + i)));
+        conf += std::string("SRC mix=") + (rows[i].stereo ? "a:b" : "dc") + " rtpa=127.0.0.1:600" +
+                std::to_string(i) + " ifa=127.0.0.1:700" + std::to_string(i) +
+                (rows[i].stereo ? " fmt=L24/48000/2" : " fmt=L24/48000/1") + " lce=" + rows[i].lce + "\n";
+    }
     start(conf);
     const samples dc(48, int32_t(0.5 * FULL24)), t = tone(0.5);
-    std::vector<std::string> last(std::size(rows)); // while the input still flows
-    stream(0, 600, {{ports[0], dc}, {ports[1], t}}, [&] {
+    std::vector<std::vector<rtp_pkt>> got(std::size(rows)); // while the input still flows
+    stream(0, 600, {{5004, dc}, {5006, t}}, [&] {
         for (size_t i = 0; i < std::size(rows); i++)
-            for (std::string &pkt : outs[i].take())
-                last[i] = std::move(pkt);
+            rtp_drain(outs[i], got[i]);
     });
+    for (int fd : outs)
+        close(fd);
 
     const double x = dc[0] / FULL24;
     std::array<std::vector<float>, 2> mixes;
@@ -435,18 +296,18 @@ TEST_F(RunningDaemon, LimitedStreamsSendTheSteadyLevelOfTheModel)
     }
     for (size_t i = 0; i < std::size(rows); i++) {
         const row &r = rows[i];
-        const samples got = samples_of(last[i]);
-        ASSERT_EQ(got.size(), r.stereo ? 96u : 48u) << r.lce;
+        ASSERT_FALSE(got[i].empty()) << r.lce;
+        const samples last = l24_channel(got[i].back().payload, 1, 0);
+        ASSERT_EQ(last.size(), r.stereo ? 96u : 48u) << r.lce;
         if (!r.stereo) {
-            const double want = *r.lce ? steady_1ch(x, r.T, r.R) : x;
-            for (int32_t v : got)
-                ASSERT_NEAR(v / FULL24, want, 1e-6) << r.lce;
+            for (int32_t v : last)
+                ASSERT_NEAR(v / FULL24, steady_1ch(x, r.T, r.R), 1e-6) << r.lce;
             continue;
         }
         const std::array<float, 96> want = settled_2ch(r.lce, mixes);
         for (size_t k = 0; k < 48; k++)
             for (size_t c = 0; c < 2; c++)
-                ASSERT_NEAR(got[2 * k + c] / FULL24, want[48 * c + k], 1e-4) << r.lce << " " << k << " " << c;
+                ASSERT_NEAR(last[2 * k + c] / FULL24, want[48 * c + k], 1e-4) << r.lce << " " << k << " " << c;
     }
 }
 } // namespace

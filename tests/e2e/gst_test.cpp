@@ -39,29 +39,25 @@ TEST(E2eGst, GstreamerSendsIntoTheDaemonAndDecodesItsL24AndOpus)
                         "gstreamer1.0-plugins-good (make deps)";
     netns ns("pe2eg");
     ASSERT_TRUE(ns.ok());
-    daemon_run pelod;
-    ASSERT_TRUE(pelod.start(ns, "XPT mix=g src=127.0.0.1:5004 fmt=L24/48000/1 pdly=480\n"
-                                "SRC mix=g rtpa=127.0.0.1:6000\n"
-                                "SRC mix=g rtpa=127.0.0.1:6002\n"
-                                "SRC mix=g rtpa=127.0.0.1:6004 fmt=opus/48000/1\n"))
-        << pelod.output();
+    ns_pelod pelod(ns, "XPT mix=g src=127.0.0.1:5004 fmt=L24/48000/1 pdly=480\nSRC mix=g rtpa=127.0.0.1:6000\n"
+                       "SRC mix=g rtpa=127.0.0.1:6002\nSRC mix=g rtpa=127.0.0.1:6004 fmt=opus/48000/1\n");
+    ASSERT_TRUE(pelod.up) << pelod.output();
 
     struct output {
         const char *name;
-        std::string file;
+        tmp_out file;
         bg_proc proc;
-        std::vector<float> (*read)(const std::string &);
     } outs[] = {
-        {"daemon from GStreamer, heard by pelod-listen", tmp_file("", ".wav"), {}, wav_channel0},
-        {"daemon L24 through rtpL24depay", tmp_file("", ".raw"), {}, raw_s16},
-        {"daemon Opus through rtpopusdepay", tmp_file("", ".raw"), {}, raw_s16},
+        {"daemon from GStreamer, heard by pelod-listen", tmp_out(".wav"), {}},
+        {"daemon L24 through rtpL24depay", tmp_out(".raw"), {}},
+        {"daemon Opus through rtpopusdepay", tmp_out(".raw"), {}},
     };
-    ASSERT_TRUE(outs[0].proc.start(
-        ns.cmd({listen_bin, "-q", "-t", "2.5", "-f", "L24/1", "-w", outs[0].file, "127.0.0.1:6000"})));
-    ASSERT_TRUE(outs[1].proc.start(
-        ns.cmd(gst_receiver(gst, 6002, "L24,channels=1", 2500, {"rtpL24depay"}, outs[1].file))));
-    ASSERT_TRUE(outs[2].proc.start(
-        ns.cmd(gst_receiver(gst, 6004, "OPUS", 250, {"rtpopusdepay", "opusdec"}, outs[2].file))));
+    const std::vector<std::string> argv[] = {
+        {listen_bin, "-q", "-t", "2.5", "-f", "L24/1", "-w", outs[0].file.path, "127.0.0.1:6000"},
+        gst_receiver(gst, 6002, "L24,channels=1", 2500, {"rtpL24depay"}, outs[1].file.path),
+        gst_receiver(gst, 6004, "OPUS", 250, {"rtpopusdepay", "opusdec"}, outs[2].file.path)};
+    for (size_t i = 0; i < std::size(outs); i++)
+        ASSERT_TRUE(outs[i].proc.start(ns.cmd(argv[i])));
     usleep(300000);
     bg_proc sender; // a 1 kHz tone at -12 dBFS in 1 ms packets
     ASSERT_TRUE(sender.start(ns.cmd({gst, "-q", "audiotestsrc", "freq=1000", "volume=0.25", "samplesperbuffer=48",
@@ -72,8 +68,7 @@ TEST(E2eGst, GstreamerSendsIntoTheDaemonAndDecodesItsL24AndOpus)
     for (output &o : outs) {
         SCOPED_TRACE(o.name);
         EXPECT_EQ(o.proc.wait(8000), 0) << o.proc.out() << o.proc.err();
-        const tone_measure m = measure_tone(o.read(o.file));
-        unlink(o.file.c_str());
+        const tone_measure m = measure_tone(pcm_channel0(o.file.path));
         EXPECT_GT(m.samples, 24000u);
         EXPECT_NEAR(m.rms_dbfs, -15.05, 0.5);
         EXPECT_NEAR(m.freq_hz, 1000.0, 1.0);

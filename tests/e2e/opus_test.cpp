@@ -38,8 +38,6 @@ const opus_case opus_cases[] = {
 
 void PrintTo(const opus_case &c, std::ostream *os) { *os << c.name; }
 
-bool listening(void *p) { return static_cast<bg_proc *>(p)->err().find("listening on") != std::string::npos; }
-
 class E2eOpus : public ::testing::TestWithParam<opus_case> {};
 
 TEST_P(E2eOpus, ToneComesOutAtItsPitchAndLevel)
@@ -48,13 +46,13 @@ TEST_P(E2eOpus, ToneComesOutAtItsPitchAndLevel)
     const opus_case &c = GetParam();
     netns ns("pe2eo");
     ASSERT_TRUE(ns.ok());
-    daemon_run pelod;
-    ASSERT_TRUE(pelod.start(ns, c.conf)) << pelod.output();
-    const std::string wav = tmp_file("", ".wav");
+    ns_pelod pelod(ns, c.conf);
+    ASSERT_TRUE(pelod.up) << pelod.output();
+    const tmp_out wav(".wav");
     bg_proc listener, tone;
     ASSERT_TRUE(
-        listener.start(ns.cmd({listen_bin, "-q", "-t", "1.5", "-f", c.listen_fmt, "-w", wav, "127.0.0.1:6000"})));
-    ASSERT_TRUE(wait_until(2000, listening, &listener)) << listener.err();
+        listener.start(ns.cmd({listen_bin, "-q", "-t", "1.5", "-f", c.listen_fmt, "-w", wav.path, "127.0.0.1:6000"})));
+    ASSERT_TRUE(wait_for(2000, [&] { return listener.err().find("listening on") != std::string::npos; })) << listener.err();
     std::vector<std::string> args = {tone_bin, "-q", "-d", "1.2"};
     args.insert(args.end(), c.tone.begin(), c.tone.end());
     args.push_back("127.0.0.1:5004");
@@ -62,8 +60,7 @@ TEST_P(E2eOpus, ToneComesOutAtItsPitchAndLevel)
     EXPECT_EQ(tone.wait(4000), 0) << tone.err();
     EXPECT_EQ(listener.wait(4000), 0) << listener.out() << listener.err();
 
-    const tone_measure m = measure_tone(wav_channel0(wav));
-    unlink(wav.c_str());
+    const tone_measure m = measure_tone(pcm_channel0(wav.path));
     EXPECT_GT(m.samples, 24000u) << listener.out();
     EXPECT_NEAR(m.rms_dbfs, c.rms_dbfs, 0.5);
     EXPECT_NEAR(m.freq_hz, c.freq_hz, 1.0);
