@@ -1,4 +1,5 @@
 #include "routing/xpt.h"
+#include "support/cycle_tables.h"
 
 #include "config/pelocfg.h"
 #include "daemon/pelod.h"
@@ -39,18 +40,12 @@ protected:
     void SetUp() override
     {
         port = udp_free_port();
-        mix_inp_init();
-        mix_init();
-        for (int i = 0; i < RTP_DST_MAX; i++)
-            dst_init(&rtp_dsts[i], i);
-        rtp_srcs = nullptr;
+        reset_cycle_tables();
     }
     void TearDown() override
     {
         debug = 0;
-        rtp_srcs = nullptr;
-        for (rtp_dst &d : rtp_dsts)
-            rtp_ep_close(&d.ep);
+        close_flow_endpoints();
         EXPECT_TRUE(dlist_empty(&rtp_sk_all));
     }
     static pelod_xpt xp(const char *mix, const char *src, int chn = -1, float gain_dB = 0, const char *bind = "127.0.0.1")

@@ -1,4 +1,5 @@
 #include "rtp/rtp_sk.h"
+#include "support/cycle_tables.h"
 
 #include "daemon/grace.h"
 #include "daemon/pelod.h"
@@ -46,16 +47,12 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(dlist_empty(&rtp_sk_all));
-        for (int i = 0; i < RTP_DST_MAX; i++)
-            dst_init(&rtp_dsts[i], i);
-        rtp_srcs = nullptr;
+        reset_cycle_tables();
     }
     void TearDown() override
     {
         debug = 0;
-        rtp_srcs = nullptr;
-        for (rtp_dst &d : rtp_dsts)
-            rtp_ep_close(&d.ep);
+        close_flow_endpoints();
         EXPECT_EQ(sockets(), 0);
     }
     static void open(int i, const rtp_ep_spec &s) { rtp_ep_open(&rtp_dsts[i].ep, &s, &rtp_dsts[i]); }

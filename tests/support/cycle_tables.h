@@ -3,6 +3,7 @@
 #pragma once
 #include "daemon/mix.h"
 #include "routing/xpt.h"
+#include "rtp/rtp_sk.h"
 #include "rtp/rtp_src.h"
 
 #include <cstring>
@@ -16,4 +17,13 @@ inline void reset_cycle_tables()
     for (int i = 0; i < RTP_DST_MAX; i++)
         dst_init(&rtp_dsts[i], i);
     rtp_srcs = nullptr;
+}
+
+// Closes every flow's endpoint, as the sockets' and routing's tests end:
+// afterwards no socket should be left.
+inline void close_flow_endpoints()
+{
+    rtp_srcs = nullptr;
+    for (rtp_dst &d : rtp_dsts)
+        rtp_ep_close(&d.ep);
 }
