@@ -200,8 +200,9 @@ int mix_run(void *)
                 jitter_max = p.jitter;
             if (p.jitter > jitter_max_statperiod)
                 jitter_max_statperiod = p.jitter;
+            const rtp_rx_time rx{p.rtp_ts, p.rtp_ts + uint32_t(MIX_BLOCK * p.blocks)};
             for (dlist *l = observe(rtp_sk_all.next); l != &rtp_sk_all; l = observe(l->next))
-                rtp_sk_recvm(dlist_entry(l, rtp_sk, all), p.rtp_ts);
+                rtp_sk_recvm(dlist_entry(l, rtp_sk, all), rx);
             uint32_t rtp_ts = p.rtp_ts;
             for (int b = 0; b < p.blocks; b++, rtp_ts += MIX_BLOCK)
                 mix_block(rtp_ts, buf);

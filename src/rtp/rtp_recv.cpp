@@ -131,21 +131,57 @@ int32_t rtp_seq_track(rtp_ep *ep, bool marker, uint16_t seq, uint32_t ts) noexce
     return step;
 }
 
-// Timing lock: a sender that runs ahead re-locks at once, one that falls
-// behind keeps the lock for 2.5 s. Returns the offset sender - local.
-uint32_t rtp_time_lock(rtp_ep *ep, uint32_t ts, int32_t step, uint32_t now) noexcept
+// A locked flow whose offset another datagram may share: streams with equal
+// timestamps keep one offset, so they stay sample-aligned whichever wake-up
+// happened to re-lock them.
+bool rtp_lock_fits(uint32_t synt, uint32_t end, const rtp_rx_time &t, int32_t window) noexcept
 {
-    const int32_t lag = int32_t((now - uint32_t(step)) - (ts - ep->synt));
+    const uint32_t at = end - synt; // local time of the datagram's end
+    return int32_t(t.wake - at) >= 0 && int32_t(t.block - at) <= window;
+}
+
+uint32_t rtp_relock_offset(const rtp_ep *ep, uint32_t ts, int32_t step, const rtp_rx_time &t,
+                           int32_t window) noexcept
+{
+    const uint32_t end = ts + uint32_t(step);
+    if (rtp_lock_fits(0, end, t, window)) // the sender shares our media clock
+        return 0;
+    for (const rtp_dst &d : rtp_dsts) {
+        const rtp_ep &o = d.ep;
+        if (&o != ep && o.run && o.dst && o.sa_dst.sin_family == AF_INET &&
+            rtp_lock_fits(o.synt, end, t, window))
+            return o.synt;
+    }
+    // one packet time before the end of the block that has just ended
+    return ts - (t.wake - uint32_t(MIX_BLOCK) - uint32_t(step));
+}
+
+// Timing lock, for a datagram of `frames` samples (0: unknown). Between
+// the previous wake-up and this one the datagram arrived at a local time no earlier than t.block and no later than
+// t.wake: it runs ahead only when its end lies after t.wake, and behind
+// when it lies more than a window before t.block. A late wake-up of our
+// own therefore never looks like a sender running ahead. Returns the offset
+// sender - local.
+uint32_t rtp_time_lock(rtp_ep *ep, uint32_t ts, int32_t step, int32_t frames, const rtp_rx_time &t) noexcept
+{
     const int32_t window = std::max(step, int32_t(MIX_BLOCK));
-    if (lag <= window) {
-        ep->buf_full_ts = now;
-        if (lag < 0)
-            ep->run = 0;
-    } else if (now - ep->buf_full_ts > uint32_t(RTP_LATE_TOLERANCE)) {
-        ep->run = 0;
+    const uint32_t at = ts + uint32_t(step) - ep->synt;
+    if (!ep->run) {
+        // the first datagram after a start or a marker: re-lock below
+    } else if (int32_t(t.wake - at) < 0) {
+        ep->run = 0; // ahead: re-lock at once
+        // a timestamp jump forward makes the step longer than the datagram:
+        // the audio it holds is its packet time
+        if (frames > 0 && frames < step)
+            step = frames;
+    } else if (int32_t(t.block - at) <= window) {
+        ep->buf_full_ts = t.block;
+    } else if (t.block - ep->buf_full_ts > uint32_t(RTP_LATE_TOLERANCE)) {
+        ep->run = 0; // behind for 2.5 s
     }
     if (!ep->run) {
-        ep->synt = ts - (now - uint32_t(step));
+        ep->synt = rtp_relock_offset(ep, ts, step, t, window);
+        ep->buf_full_ts = t.block;
         ep->rx_reset++;
     }
     return ep->synt;
@@ -180,28 +216,6 @@ in_addr_t rtp_pktinfo_dst(const msghdr *h) noexcept
         d = pi.ipi_addr.s_addr; // the last one wins
     }
     return d;
-}
-
-void rtp_sk_dispatch(rtp_sk *sk, in_addr_t dst_addr, uint32_t src_addr_h, const uint8_t *p, int l,
-                     uint32_t now) noexcept
-{
-    dlist *b = rtp_sk_ep_list(sk, dst_addr);
-    for (dlist *e = observe(b->next); e != b; e = observe(e->next)) {
-        rtp_ep *ep = dlist_entry(e, rtp_ep, rtp_sk_ep_list);
-        if (ep->sa_dst.sin_addr.s_addr != dst_addr)
-            continue;
-        if (ep->dst)
-            rtp_ep_recv_packet(ep, p, l, now);
-        rtp_ep_backoff_check(ep, src_addr_h, p, l);
-    }
-    if (in_addr_is_mcast(dst_addr))
-        return;
-    b = rtp_sk_ep_list(sk, INADDR_ANY);
-    for (dlist *e = observe(b->next); e != b; e = observe(e->next)) {
-        rtp_ep *ep = dlist_entry(e, rtp_ep, rtp_sk_ep_list);
-        if (ep->sa_dst.sin_addr.s_addr == INADDR_ANY && ep->dst)
-            rtp_ep_recv_packet(ep, p, l, now);
-    }
 }
 
 } // namespace
@@ -269,7 +283,29 @@ void rtp_ep_backoff_check(rtp_ep *ep, uint32_t src_addr_h, const uint8_t *packet
     ep->backoff_cnt = RTP_BACKOFF_ARMED;
 }
 
-void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, uint32_t rtp_ts_local) noexcept
+void rtp_sk_deliver(rtp_sk *sk, in_addr_t dst_addr, uint32_t src_addr_h, const uint8_t *p, int l,
+                    const rtp_rx_time &t) noexcept
+{
+    dlist *b = rtp_sk_ep_list(sk, dst_addr);
+    for (dlist *e = observe(b->next); e != b; e = observe(e->next)) {
+        rtp_ep *ep = dlist_entry(e, rtp_ep, rtp_sk_ep_list);
+        if (ep->sa_dst.sin_addr.s_addr != dst_addr)
+            continue;
+        if (ep->dst)
+            rtp_ep_recv_packet(ep, p, l, t);
+        rtp_ep_backoff_check(ep, src_addr_h, p, l);
+    }
+    if (in_addr_is_mcast(dst_addr))
+        return;
+    b = rtp_sk_ep_list(sk, INADDR_ANY);
+    for (dlist *e = observe(b->next); e != b; e = observe(e->next)) {
+        rtp_ep *ep = dlist_entry(e, rtp_ep, rtp_sk_ep_list);
+        if (ep->sa_dst.sin_addr.s_addr == INADDR_ANY && ep->dst)
+            rtp_ep_recv_packet(ep, p, l, t);
+    }
+}
+
+void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_time &t) noexcept
 {
     if (l < RTP_HDR_LEN)
         return;
@@ -299,9 +335,14 @@ void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, uint32_t rtp_t
         return;
     const uint32_t pdly =
         dst->pdly >= 1 ? dst->pdly : uint32_t(std::max(pdly_auto(step), int(pdly_samples_min)));
-    const uint32_t synt = rtp_time_lock(ep, ts, step, rtp_ts_local);
+    int32_t frames = 0; // the audio the datagram holds
+    if (dst->fmt.payload_format != RTP_FMT_OPUS && channels > 0)
+        frames = (std::max(plen, 0) + channels * (bits == 16 ? 2 : 3) - 1) / (channels * (bits == 16 ? 2 : 3));
+    else if (dst->fmt.payload_format == RTP_FMT_OPUS && plen > 0)
+        frames = opus_packet_get_nb_samples(packet + hlen, plen, 48000);
+    const uint32_t synt = rtp_time_lock(ep, ts, step, frames, t);
     const uint32_t pos = ts - synt + pdly;
-    if (pos - rtp_ts_local > uint32_t(MIX_RING_MASK + 1))
+    if (pos - t.block > uint32_t(MIX_RING_MASK + 1))
         ep->rx_late++; // written all the same: the counter only reports it
 
     if (plen > 0) {
@@ -318,7 +359,7 @@ void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, uint32_t rtp_t
     ep->run = 1;
 }
 
-void rtp_sk_recvm(rtp_sk *sk, uint32_t rtp_ts_local) noexcept
+void rtp_sk_recvm(rtp_sk *sk, const rtp_rx_time &t) noexcept
 {
     // the whole batch lives on the real-time stack (about 440 KiB of 4 MiB)
     std::array<std::array<uint8_t, RTP_MTU>, RTP_RECV_BATCH> bufs;
@@ -347,6 +388,6 @@ void rtp_sk_recvm(rtp_sk *sk, uint32_t rtp_ts_local) noexcept
     for (int j = 0; j < n; j++) {
         const msghdr &h = msgs[j].msg_hdr;
         const uint32_t src_h = h.msg_namelen >= sizeof(sockaddr_in) ? ntohl(names[j].sin_addr.s_addr) : 0;
-        rtp_sk_dispatch(sk, rtp_pktinfo_dst(&h), src_h, bufs[j].data(), int(msgs[j].msg_len), rtp_ts_local);
+        rtp_sk_deliver(sk, rtp_pktinfo_dst(&h), src_h, bufs[j].data(), int(msgs[j].msg_len), t);
     }
 }
