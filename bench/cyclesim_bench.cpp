@@ -9,13 +9,14 @@
 int main()
 {
     // name, streams, ms, wake late min/max us, stall at/ms, delay/spread/jitter us,
-    // sender stall at/ms, ppm, step at/samples, seed
+    // sender stall at/ms, ppm, step at/samples, seed, timestamp offset
     static const sim_scenario matrix[] = {
         {"punctual, sent 0.5 ms after the block", 48, 3000, 0, 0, 0, 0, 500, 0, 0, 0, 0, 0, 0, 0, 1},
         {"every wake-up 1.0-1.9 ms late", 48, 3000, 1000, 1900, 0, 0, 500, 0, 0, 0, 0, 0, 0, 0, 2},
         {"wake-ups 0-2 ms late, senders 0-1.5 ms", 48, 3000, 0, 2000, 0, 0, 0, 0, 1500, 0, 0, 0, 0, 0, 3},
         {"wake-ups 0-2 ms late, streams spread 0-1.5 ms", 48, 3000, 0, 2000, 0, 0, 0, 1500, 0, 0, 0, 0, 0, 0, 4},
         {"wake-ups 0-2 ms late, sent 0.9 ms after", 48, 3000, 0, 2000, 0, 0, 900, 0, 100, 0, 0, 0, 0, 0, 5},
+        {"the same, senders on another clock", 48, 3000, 0, 2000, 0, 0, 0, 1500, 0, 0, 0, 0, 0, 0, 4, 1000003},
         {"wake-ups 0-2 ms late, sent 0.1 ms after", 48, 3000, 0, 2000, 0, 0, 100, 0, 100, 0, 0, 0, 0, 0, 6},
         {"stall of 5 ms", 48, 1000, 0, 500, 500, 5, 500, 0, 300, 0, 0, 0, 0, 0, 7},
         {"stall of 20 ms", 48, 1000, 0, 500, 500, 20, 500, 0, 300, 0, 0, 0, 0, 0, 8},

@@ -146,7 +146,7 @@ sim_result cycle_sim_run(const sim_scenario &sc)
             sender &s = snd[size_t(i)];
             for (int got = 0; got < RTP_RECV_BATCH && s.next < packets && s.arrival[size_t(s.next)] <= now; got++) {
                 const int k = int(s.next++);
-                uint32_t ts = ts0 + uint32_t(MIX_BLOCK * k);
+                uint32_t ts = ts0 + uint32_t(sc.ts_offset) + uint32_t(MIX_BLOCK * k);
                 if (i == 0 && sc.step_samples && START_NS + k * MS >= int64_t(sc.step_at_ms) * MS)
                     ts += uint32_t(sc.step_samples);
                 make_datagram(dgram, k, ts);

@@ -21,6 +21,7 @@ struct sim_scenario {
     int ppm;                                 // stream 0's clock runs fast (+) or slow (-)
     int step_at_ms, step_samples;            // stream 0's timestamps jump forward
     uint32_t seed;
+    int ts_offset; // every sender's timestamps minus our media clock
 };
 
 struct sim_result {
