@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <opus.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <type_traits>
 
@@ -144,8 +145,12 @@ uint32_t rtp_relock_offset(const rtp_ep *ep, uint32_t ts, int32_t step, const rt
                            int32_t window) noexcept
 {
     const uint32_t end = ts + uint32_t(step);
-    if (rtp_lock_fits(0, end, t, window)) // the sender shares our media clock
-        return 0;
+    // A sender on our media clock: its end on the block boundary at or
+    // before the time its timestamp names.
+    const int32_t off = int32_t(end - t.wake) % MIX_BLOCK;
+    const uint32_t grid = uint32_t(off < 0 ? off + MIX_BLOCK : off);
+    if (rtp_lock_fits(grid, end, t, window))
+        return grid;
     for (const rtp_dst &d : rtp_dsts) {
         const rtp_ep &o = d.ep;
         if (&o != ep && o.run && o.dst && o.sa_dst.sin_family == AF_INET &&
@@ -359,35 +364,104 @@ void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_t
     ep->run = 1;
 }
 
-void rtp_sk_recvm(rtp_sk *sk, const rtp_rx_time &t) noexcept
-{
-    // the whole batch lives on the real-time stack (about 440 KiB of 4 MiB)
+namespace {
+
+// The receive batch, prepared once: a drain restores only the headers of
+// the datagrams it took in, instead of 256 of them per socket and wake-up.
+// Only the real-time context drains sockets, one at a time.
+struct rx_batch {
     std::array<std::array<uint8_t, RTP_MTU>, RTP_RECV_BATCH> bufs;
     alignas(cmsghdr) std::array<std::array<uint8_t, RTP_CTRL_LEN>, RTP_RECV_BATCH> ctrl;
     std::array<sockaddr_in, RTP_RECV_BATCH> names;
     std::array<iovec, RTP_RECV_BATCH> iov;
     std::array<mmsghdr, RTP_RECV_BATCH> msgs;
-    memset(msgs.data(), 0, sizeof msgs);
-    for (int j = 0; j < RTP_RECV_BATCH; j++) {
-        iov[j] = {bufs[j].data(), RTP_MTU};
+    bool ready;
+
+    void reset(int j) noexcept
+    {
         msghdr &h = msgs[j].msg_hdr;
-        h.msg_name = &names[j];
         h.msg_namelen = sizeof names[j];
-        h.msg_iov = &iov[j];
-        h.msg_iovlen = 1;
-        h.msg_control = ctrl[j].data();
         h.msg_controllen = RTP_CTRL_LEN;
+        h.msg_flags = 0;
+        msgs[j].msg_len = 0;
     }
-    const int n = recvmmsg(sk->fd, msgs.data(), RTP_RECV_BATCH, MSG_DONTWAIT, nullptr);
+    void prepare() noexcept
+    {
+        memset(msgs.data(), 0, sizeof msgs);
+        for (int j = 0; j < RTP_RECV_BATCH; j++) {
+            iov[j] = {bufs[j].data(), RTP_MTU};
+            msghdr &h = msgs[j].msg_hdr;
+            h.msg_name = &names[j];
+            h.msg_iov = &iov[j];
+            h.msg_iovlen = 1;
+            h.msg_control = ctrl[j].data();
+            reset(j);
+        }
+        ready = true;
+    }
+};
+rx_batch rx;
+
+// Sockets that had nothing queued at the last wake-up: with many of them a
+// readiness check first saves a system call per empty socket.
+unsigned rx_idle_sockets;
+constexpr int RX_POLL_MAX = 128;
+
+} // namespace
+
+// Returns the datagrams taken in, -1 on an error.
+static int rtp_sk_drain(rtp_sk *sk, const rtp_rx_time &t) noexcept
+{
+    if (!rx.ready)
+        rx.prepare();
+    const int n = recvmmsg(sk->fd, rx.msgs.data(), RTP_RECV_BATCH, MSG_DONTWAIT, nullptr);
     if (n < 0) {
         static unsigned failures; // a lasting error would otherwise repeat every millisecond
-        if (errno != EAGAIN)
-            rt_perror("pelod: rtp_recvm", errno, &failures, 1000);
-        return;
+        const int err = errno;
+        if (err == EAGAIN)
+            return 0;
+        rt_perror("pelod: rtp_recvm", err, &failures, 1000);
+        return -1;
     }
     for (int j = 0; j < n; j++) {
-        const msghdr &h = msgs[j].msg_hdr;
-        const uint32_t src_h = h.msg_namelen >= sizeof(sockaddr_in) ? ntohl(names[j].sin_addr.s_addr) : 0;
-        rtp_sk_deliver(sk, rtp_pktinfo_dst(&h), src_h, bufs[j].data(), int(msgs[j].msg_len), t);
+        const msghdr &h = rx.msgs[j].msg_hdr;
+        const uint32_t src_h = h.msg_namelen >= sizeof(sockaddr_in) ? ntohl(rx.names[j].sin_addr.s_addr) : 0;
+        rtp_sk_deliver(sk, rtp_pktinfo_dst(&h), src_h, rx.bufs[j].data(), int(rx.msgs[j].msg_len), t);
+        rx.reset(j);
     }
+    return n;
+}
+
+void rtp_sk_recvm(rtp_sk *sk, const rtp_rx_time &t) noexcept { rtp_sk_drain(sk, t); }
+
+void rtp_recv_all(const rtp_rx_time &t) noexcept
+{
+    std::array<pollfd, RX_POLL_MAX> fds;
+    std::array<rtp_sk *, RX_POLL_MAX> sks;
+    int n = 0;
+    bool all_listed = true;
+    for (dlist *l = observe(rtp_sk_all.next); l != &rtp_sk_all; l = observe(l->next)) {
+        if (n == RX_POLL_MAX) {
+            all_listed = false;
+            break;
+        }
+        sks[n] = dlist_entry(l, rtp_sk, all);
+        fds[n] = {sks[n]->fd, POLLIN, 0};
+        n++;
+    }
+    const bool check = all_listed && n > 1 && rx_idle_sockets * 4 >= unsigned(n);
+    if (check && poll(fds.data(), nfds_t(n), 0) < 0)
+        return; // cannot fail with these arguments but for a signal; the next wake-up drains
+    unsigned idle = 0;
+    for (int j = 0; j < n; j++) {
+        if (check && !fds[j].revents) {
+            idle++;
+            continue;
+        }
+        idle += rtp_sk_drain(sks[j], t) == 0;
+    }
+    if (!all_listed) // more sockets than one check holds: drain the rest in list order
+        for (dlist *l = observe(sks[n - 1]->all.next); l != &rtp_sk_all; l = observe(l->next))
+            rtp_sk_drain(dlist_entry(l, rtp_sk, all), t);
+    rx_idle_sockets = idle;
 }

@@ -58,6 +58,10 @@ inline rtp_rx_time rtp_rx_punctual(uint32_t rtp_ts_block) noexcept
     return {rtp_ts_block, rtp_ts_block + uint32_t(MIX_BLOCK)};
 }
 
+// [rt] Drains every socket of rtp_sk_all once, in list order. When many
+// sockets had nothing at the last wake-up, one readiness check first skips
+// the empty ones.
+void rtp_recv_all(const rtp_rx_time &t) noexcept;
 // [rt] Drains up to 256 datagrams of sk without blocking and hands each to
 // rtp_sk_deliver. Reports "pelod: rtp_recvm" on errors other than EAGAIN.
 void rtp_sk_recvm(rtp_sk *sk, const rtp_rx_time &t) noexcept;
