@@ -86,21 +86,6 @@ TEST_F(RtpSk, EqualBindSharesASocketBucketedByDestination)
                                                           "\n- sock " + a + "\n");
 }
 
-TEST_F(RtpSk, OutgoingStreamKeepsTheSocket)
-{
-    rtp_src s{};
-    rtp_srcs = &s;
-    const rtp_ep_spec e = endpoint("127.0.0.1", port, "127.0.0.1");
-    rtp_ep_open(&s.ep, &e, nullptr);
-    open(0, e);
-    ASSERT_EQ(sk(0), s.ep.sk);
-    shut(0);
-    EXPECT_EQ(sockets(), 1);
-    EXPECT_EQ(fcntl(s.ep.sk->fd, F_GETFD), 0);
-    rtp_ep_close(&s.ep);
-    EXPECT_EQ(sockets(), 0);
-}
-
 // The cycle may be inside recvmmsg on the socket: it is unlinked at once
 // but closed only after the cycle has completed a wake-up.
 TEST_F(RtpSk, SocketIsClosedOnlyAfterTheCycleBoundary)
