@@ -132,15 +132,17 @@ int32_t rtp_seq_track(rtp_ep *ep, bool marker, uint16_t seq, uint32_t ts) noexce
     return step;
 }
 
-// A locked flow whose offset another datagram may share: streams with equal
-// timestamps keep one offset, so they stay sample-aligned whichever wake-up
-// happened to re-lock them.
+// Whether offset synt (sender - local) explains a datagram that ends at
+// sender time `end`: in local time its end lies no later than this
+// wake-up and no more than a window before the first block it plays.
 bool rtp_lock_fits(uint32_t synt, uint32_t end, const rtp_rx_time &t, int32_t window) noexcept
 {
     const uint32_t at = end - synt; // local time of the datagram's end
     return int32_t(t.wake - at) >= 0 && int32_t(t.block - at) <= window;
 }
 
+// The offset a re-lock takes. Streams with equal timestamps get one offset,
+// so they stay sample-aligned whichever wake-up happened to re-lock them.
 uint32_t rtp_relock_offset(const rtp_ep *ep, uint32_t ts, int32_t step, const rtp_rx_time &t,
                            int32_t window) noexcept
 {
@@ -161,11 +163,11 @@ uint32_t rtp_relock_offset(const rtp_ep *ep, uint32_t ts, int32_t step, const rt
     return ts - (t.wake - uint32_t(MIX_BLOCK) - uint32_t(step));
 }
 
-// Timing lock, for a datagram of `frames` samples (0: unknown). Between
-// the previous wake-up and this one the datagram arrived at a local time no earlier than t.block and no later than
-// t.wake: it runs ahead only when its end lies after t.wake, and behind
-// when it lies more than a window before t.block. A late wake-up of our
-// own therefore never looks like a sender running ahead. Returns the offset
+// Timing lock, for a datagram of `frames` samples (0: unknown). It arrived
+// after the previous wake-up (t.block) and before this one (t.wake): it
+// runs ahead only when its end lies after t.wake, and behind when it lies
+// more than a window before t.block. A late wake-up of our own therefore
+// never looks like a sender running ahead. Returns the offset
 // sender - local.
 uint32_t rtp_time_lock(rtp_ep *ep, uint32_t ts, int32_t step, int32_t frames, const rtp_rx_time &t) noexcept
 {
@@ -341,10 +343,13 @@ void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_t
     const uint32_t pdly =
         dst->pdly >= 1 ? dst->pdly : uint32_t(std::max(pdly_auto(step), int(pdly_samples_min)));
     int32_t frames = 0; // the audio the datagram holds
-    if (dst->fmt.payload_format != RTP_FMT_OPUS && channels > 0)
-        frames = (std::max(plen, 0) + channels * (bits == 16 ? 2 : 3) - 1) / (channels * (bits == 16 ? 2 : 3));
-    else if (dst->fmt.payload_format == RTP_FMT_OPUS && plen > 0)
-        frames = opus_packet_get_nb_samples(packet + hlen, plen, 48000);
+    if (dst->fmt.payload_format == RTP_FMT_OPUS) {
+        if (plen > 0)
+            frames = opus_packet_get_nb_samples(packet + hlen, plen, 48000);
+    } else if (channels > 0) {
+        const int frame_bytes = channels * (bits == 16 ? 2 : 3);
+        frames = (std::max(plen, 0) + frame_bytes - 1) / frame_bytes;
+    }
     const uint32_t synt = rtp_time_lock(ep, ts, step, frames, t);
     const uint32_t pos = ts - synt + pdly;
     if (pos - t.block > uint32_t(MIX_RING_MASK + 1))
