@@ -1,15 +1,19 @@
 #include "daemon/mixrun.h"
 #include "daemon/pelod.h"
+#include "daemon/rtlog.h"
 #include "daemon/vox.h"
 #include "support/alloc_count.h"
 #include "support/cycle_tables.h"
+#include "support/emulation.h"
 #include "support/rtp_wire.h"
 
 #include <arpa/inet.h>
+#include <atomic>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/resource.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -176,10 +180,30 @@ TEST_F(VoxFlows, SocketFailureKeepsTheNotificationPending)
     block();
     block();
     setrlimit(RLIMIT_NOFILE, &lim);
+    rt_log_drain();
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "pelod: vox_notify: Too many open files\n");
     EXPECT_EQ(vox_notify_pending, 1);
     block();
     EXPECT_EQ(rx.take(), texts{R"({"vox":["a"]})"});
     EXPECT_EQ(vox_notify_pending, 0);
+}
+// A reload asks for a notification while the cycle runs its detector: the
+// request is never lost to the cycle's own write of its pending flag.
+TEST_F(VoxFlows, RequestFromAReloadIsNeverLost)
+{
+    SKIP_UNDER_EMULATION();
+    std::atomic<bool> stop{false};
+    std::thread cycle([&] {
+        for (uint32_t t = ts; !stop; t += 48)
+            vox_frame(t);
+    });
+    int heard = 0;
+    for (int n = 0; n < 200; n++) {
+        vox_notify_request();
+        heard += !rx.take(200).empty();
+    }
+    stop = true;
+    cycle.join();
+    EXPECT_EQ(heard, 200);
 }
 } // namespace

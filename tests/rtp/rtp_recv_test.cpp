@@ -2,6 +2,7 @@
 
 #include "daemon/mix.h"
 #include "daemon/pelod.h"
+#include "daemon/rtlog.h"
 #include "routing/xpt.h"
 #include "support/alloc_count.h"
 #include "support/rtp_wire.h"
@@ -348,6 +349,7 @@ TEST_F(RtpRecvSocket, DrainsAtMost256PerCallWithoutAllocating)
     sk.fd = -1;
     rtp_sk_recvm(&sk, L);
     sk.fd = fd;
+    rt_log_drain();
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "pelod: rtp_recvm: Bad file descriptor\n");
 }
 
