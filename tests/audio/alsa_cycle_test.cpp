@@ -82,15 +82,6 @@ protected:
     rtp_src src{};
 };
 
-TEST_F(AlsaCycle, WithoutASoundCardSourceSilenceIsPlayedAndTheMicrophoneHeard)
-{
-    mic(4, 0, 48);
-    EXPECT_EQ(run(true), block{});
-    for (int k = 0; k < 48; k++)
-        EXPECT_EQ(*mix_slot(TS + 48 + uint32_t(k), 4), float(mic_value(2 * k)) * int24_to_float) << k;
-    EXPECT_EQ(buf[1], -2000); // the buffer ends holding the captured block, sign-extended
-}
-
 struct render_case {
     int nchn, mix1; // mix[0] is 2, holding 0.5; mix 5 holds -0.25
     float gain0, gain1;

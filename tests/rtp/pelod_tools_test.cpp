@@ -7,7 +7,6 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <map>
-#include <opus.h>
 #include <poll.h>
 #include <sstream>
 #include <sys/socket.h>
@@ -69,32 +68,6 @@ TEST_F(PelodTone, SendsAToneAsL24StereoOnTheMediaClock)
                 << j << " " << k;
         }
     }
-}
-
-TEST_F(PelodTone, SendsAWavFileUnchangedAndOpusThatDecodes)
-{
-    bytes wav = {'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E', 'f', 'm', 't', ' ', 16, 0, 0, 0, 1, 0, 1, 0,
-                 0x80, 0xBB, 0, 0, 0, 0x77, 1, 0, 2, 0, 16, 0, 'd', 'a', 't', 'a', 200, 0, 0, 0};
-    const auto sample = [](int k) { return int16_t(k * 300 - 15000); };
-    for (int k = 0; k < 100; k++)
-        wav.insert(wav.end(), {uint8_t(sample(k)), uint8_t(sample(k) >> 8)});
-    const std::string path = tmp_file(std::string(wav.begin(), wav.end()), ".wav");
-    std::vector<bytes> got = tone({"-i", path}, 3);
-    unlink(path.c_str());
-    ASSERT_EQ(got.size(), 3u); // 100 samples: two packets and one padded with silence
-    for (int k = 0; k < 144; k++)
-        ASSERT_EQ(be24(got[size_t(k / 48)].data() + 12 + 3 * (k % 48)), k < 100 ? sample(k) * 256 : 0) << k;
-
-    got = tone({"-F", "opus", "-n", "5"}, 5);
-    ASSERT_EQ(got.size(), 5u);
-    int err;
-    OpusDecoder *dec = opus_decoder_create(48000, 1, &err);
-    std::vector<float> pcm(5760);
-    for (size_t j = 0; j < got.size(); j++) {
-        EXPECT_EQ(be32(got[j].data() + 4) - be32(got[0].data() + 4), 480 * j);
-        EXPECT_EQ(opus_decode_float(dec, got[j].data() + 12, int(got[j].size() - 12), pcm.data(), 5760, 0), 480);
-    }
-    opus_decoder_destroy(dec);
 }
 
 // The listener's last line: "summary key=value ...".
@@ -181,9 +154,7 @@ TEST(PelodToolsUsage, BadArgumentsAndSilence)
         int status;
         std::vector<const char *> says; // in stdout or stderr
     } cases[] = {
-        {{tone_bin, "-F", "opus", "-t", "3", "127.0.0.1:9"}, 1, {"pelod-tone: "}}, // no 3 ms Opus frames
         {{listen_bin}, 1, {"pelod-listen: one ADDRESS[:PORT] expected"}},
-        {{listen_bin, "-f", "L24/44100/2", "127.0.0.1"}, 1, {"pelod-listen: "}},
         {{listen_bin, "-t", "1.2", "127.0.0.1:" + std::to_string(udp_free_port())}, 2, // nothing arrived
          {"t=1 pkts=0 lost=0", "summary packets=0 "}},
     };

@@ -29,18 +29,6 @@ lines lines_of(const std::string &text)
     return out;
 }
 
-TEST(StatsFileNames, FromTheConfigurationFilesBaseName)
-{
-    const char *cases[][3] = {{"/etc/pelod.conf", "/tmp/~pelod.stat", "/tmp/pelod.stat"},
-                              {"noext", "/tmp/~noext.stat", "/tmp/noext.stat"},
-                              {"/x/y/studio.cfg.txt", "/tmp/~studio.cfg.stat", "/tmp/studio.cfg.stat"},
-                              {"rel/dir.d/plain", "/tmp/~plain.stat", "/tmp/plain.stat"}};
-    for (const auto &c : cases) {
-        pelod_stats_init(c[0]);
-        EXPECT_EQ(std::string(pelostats_tmp_name) + " " + pelostats_name, std::string(c[1]) + " " + c[2]);
-    }
-}
-
 TEST(StatsJitter, MaximaOfTheLastMinuteFiveAndFifteen)
 {
     pelod_stats_init("/etc/pelod.conf");
@@ -56,14 +44,6 @@ TEST(StatsJitter, MaximaOfTheLastMinuteFiveAndFifteen)
     EXPECT_EQ(seconds(2, 5000), "5 5 20 20");
     EXPECT_EQ(seconds(239, 5000), "5 5 5 20");
     EXPECT_EQ(seconds(600, 5999), "5 5 5 5") << "across the wrap of the ring";
-}
-
-TEST(StatsLevel, AudioLevelDigits)
-{
-    const std::pair<float, int> cases[] = {{0.0f, 0},  {-0.5f, 0},  {1e-30f, 1}, {0.002f, 1}, {0.003f, 1},
-                                           {0.05f, 5}, {0.355f, 8}, {0.36f, 9},  {0.5f, 9}};
-    for (const auto &[sample, digit] : cases)
-        EXPECT_EQ(audiovol10(sample), digit) << sample;
 }
 
 class StatsReport : public ::testing::Test { // state: flows, streams and mix outputs as at start-up
