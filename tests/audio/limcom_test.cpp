@@ -63,35 +63,6 @@ TEST_P(LimCom1chRatio, GainIsOneOverOnePlusRatioTimesTheExcess)
 }
 INSTANTIATE_TEST_SUITE_P(Ratios, LimCom1chRatio, ::testing::Values(1.0, 2.0, 4.0, 10.0));
 
-class LimCom2ch : public ::testing::Test { // state: enabled, defaults
-protected:
-    void SetUp() override
-    {
-        const limcom_params p = lce(30, 25, 0.7, 1);
-        CG_limcom_init_instance(&l, &p, 2);
-    }
-    // One block b of sines of amplitude a at f Hz on each channel.
-    void sines(int b, double f0, double a0, double f1, double a1)
-    {
-        for (int k = 0; k < 48; k++) {
-            const double t = 2 * std::numbers::pi * (b * 48 + k) / 48000.0;
-            l.inputBuffer[k] = float(a0 * std::sin(f0 * t));
-            l.inputBuffer[48 + k] = float(a1 * std::sin(f1 * t));
-        }
-        CG_limcom_process(&l);
-    }
-    LimCom_Instance l{};
-};
-
-TEST_F(LimCom2ch, BothChannelsGetTheSameGain)
-{
-    for (int b = 0; b < 300; b++) {
-        sines(b, 300, 1.2, 300, 0.6); // right = left / 2, exactly
-        for (int k = 0; k < 48; k++)
-            ASSERT_EQ(l.outputBuffer[48 + k], 0.5f * l.outputBuffer[k]) << "block " << b;
-    }
-}
-
 // Fingerprint (FNV-1a of the output bits) of 2000 blocks of a triangle
 // wave whose level steps across the threshold: every build, x86 or the
 // board's, must give these same bits.

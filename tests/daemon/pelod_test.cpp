@@ -65,20 +65,6 @@ TEST_F(PelodOptions, ValuesReachTheirGlobals)
     EXPECT_EQ(cl.phc_dev, nullptr);
 }
 
-// "-h" and "--help" name the option table's entry at the index they reset
-// (the first, and their own); anything unknown prints the usage only.
-TEST_F(PelodOptions, HelpAndUnknownOptionsPrintTheUsage)
-{
-    const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"-h"}, "pelod unrecognized option: daemonize\n\n"},
-        {{"--help"}, "pelod unrecognized option: help\n\n"},
-        {{"--bogus"}, ""}};
-    for (const auto &[args, first] : cases) {
-        EXPECT_EQ(parse(args), 1) << args[0];
-        EXPECT_EQ(printed, first + "pelod" + usage);
-    }
-}
-
 TEST(PelodBinary, UsageExitsWithZeroAndAMissingClockWithOne)
 {
     SKIP_UNDER_EMULATION();

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
@@ -127,21 +126,4 @@ TEST_F(VoxFlows, LongNamesFitAndNothingIsAllocated)
     EXPECT_EQ(std::string(small, 143), want.substr(0, 141) + "]}");
 }
 
-TEST_F(VoxFlows, SocketFailureKeepsTheNotificationPending)
-{
-    flow(0, "a", 0.1f, 100, 0).vox_sample = 0.5f;
-    rlimit lim{};
-    getrlimit(RLIMIT_NOFILE, &lim);
-    const rlimit none{0, lim.rlim_max};
-    testing::internal::CaptureStderr();
-    setrlimit(RLIMIT_NOFILE, &none); // socket() fails
-    block();
-    block();
-    setrlimit(RLIMIT_NOFILE, &lim);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "pelod: vox_notify: Too many open files\n");
-    EXPECT_EQ(vox_notify_pending, 1);
-    block();
-    EXPECT_EQ(rx.take(), texts{R"({"vox":["a"]})"});
-    EXPECT_EQ(vox_notify_pending, 0);
-}
 } // namespace

@@ -153,18 +153,6 @@ TEST_F(RtpSendLoopback, PcmIs24BitBigEndianOfGainTimesMixWithoutClipping)
     }
 }
 
-TEST_F(RtpSendLoopback, MulticastBackoffHoldsBackOnePlusLoadLevelPackets)
-{
-    rtp_src *s = stream(1);
-    s->ep.backoff_cnt = RTP_BACKOFF_ARMED; // as opened for a multicast group
-    load_level = 3;
-    EXPECT_TRUE(run(s, 0, 4).empty());
-    EXPECT_EQ(s->tx_backoff, 4);
-    std::vector<packet> got = run(s, 4 * 48, 2);
-    ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(be16(&got[0][2]), 4); // held-back packets used their numbers
-}
-
 TEST_F(RtpSendLoopback, SendPathDoesNotAllocate)
 {
     rtp_src *pcm = stream(2, 96), *opus = stream(2, 48, 1);
