@@ -1,5 +1,6 @@
 #include "rtp/rtp_recv.h"
 
+#include "daemon/grace.h"
 #include "daemon/mix.h"
 #include "daemon/pelod.h"
 #include "daemon/rtlog.h"
@@ -262,7 +263,8 @@ void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst) no
     const int i = dst->index;
     if (n_ch == 2 && dst->channel_mode < 0 && dec_ch == 2) {
         for (int k = 0; k < n; k++)
-            *mix_slot(rtp_ts + uint32_t(k), i) = downmix(pcm[2 * k], pcm[2 * k + 1]);
+            *mix_slot(rtp_ts + uint32_t(k), i) =
+                downmix(sample_bound(pcm[2 * k]), sample_bound(pcm[2 * k + 1]));
         return;
     }
     const int stride = dst->fmt.nchan;
@@ -270,7 +272,7 @@ void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst) no
         return;
     const int end = dec_ch * n; // never past what the decoder wrote
     for (int k = std::max(dst->channel_mode, 0); k < end; k += stride)
-        *mix_slot(rtp_ts++, i) = pcm[k];
+        *mix_slot(rtp_ts++, i) = sample_bound(pcm[k]); // garbage decodes far beyond full scale
 }
 
 void rtp_ep_backoff_check(rtp_ep *ep, uint32_t src_addr_h, const uint8_t *packet, int l) noexcept
@@ -417,6 +419,7 @@ constexpr int RX_POLL_MAX = 128;
 // Returns the datagrams taken in, -1 on an error.
 static int rtp_sk_drain(rtp_sk *sk, const rtp_rx_time &t) noexcept
 {
+    rt_context_check("rtp_sk_recvm");
     if (!rx.ready)
         rx.prepare();
     const int n = recvmmsg(sk->fd, rx.msgs.data(), RTP_RECV_BATCH, MSG_DONTWAIT, nullptr);
