@@ -100,17 +100,6 @@ TEST_F(XptEmpty, OverflowOfFlowsAndOfMixOutputs)
               "update_flows no mixer input available\nupdate_flows no mixer output available\n");
 }
 
-TEST_F(XptEmpty, GainOfMinus100dBMutesButKeepsTheFlow)
-{
-    const pelod_xpt mute = xp("spk", "a", -1, -100.0f), soft = xp("spk", "a", -1, -6.0f);
-    pelod_xpt_add(&mute);
-    EXPECT_EQ(mix_gain[0][0], 0.0f);
-    EXPECT_EQ(routing(), "0:a | spk=- | 1 sk");
-    pelod_xpt_add(&soft); // a reload that changed only the gain
-    EXPECT_FLOAT_EQ(mix_gain[0][0], 0.501187f);
-    EXPECT_EQ(routing(), "0:a | spk=0 | 1 sk");
-}
-
 TEST_F(XptEmpty, InterfaceChangeReopensDestinationChangeDoesNot)
 {
     pelod_xpt x = xp("spk", "a");

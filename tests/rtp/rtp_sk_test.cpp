@@ -86,31 +86,6 @@ TEST_F(RtpSk, EqualBindSharesASocketBucketedByDestination)
                                                           "\n- sock " + a + "\n");
 }
 
-TEST_F(RtpSk, BindFailureIsReportedAndTheSocketStillMade)
-{
-    const sockaddr_in a{AF_INET, htons(4000), {ip("192.0.2.1")}, {}}; // not ours
-    testing::internal::CaptureStderr();
-    const int fd = rtp_socket(&a, 1, 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("rtp_socket bind(" + std::to_string(fd) +
-                                                           ", 192.0.2.1:4000) err=99\n", 0), 0u);
-    EXPECT_GE(close(fd), 0);
-}
-
-TEST_F(RtpSk, OutgoingStreamKeepsTheSocket)
-{
-    rtp_src s{};
-    rtp_srcs = &s;
-    const rtp_ep_spec e = endpoint("127.0.0.1", port, "127.0.0.1");
-    rtp_ep_open(&s.ep, &e, nullptr);
-    open(0, e);
-    ASSERT_EQ(sk(0), s.ep.sk);
-    shut(0);
-    EXPECT_EQ(sockets(), 1);
-    EXPECT_EQ(fcntl(s.ep.sk->fd, F_GETFD), 0);
-    rtp_ep_close(&s.ep);
-    EXPECT_EQ(sockets(), 0);
-}
-
 // The cycle may be inside recvmmsg on the socket: it is unlinked at once
 // but closed only after the cycle has completed a wake-up.
 TEST_F(RtpSk, SocketIsClosedOnlyAfterTheCycleBoundary)
@@ -217,16 +192,4 @@ TEST_F(RtpSkMcast, GroupIsJoinedOnceAndLeftWithTheLastEndpoint)
                                  m + "- mgrp 239.192.0.6 #6" + m + "-" + s);
 }
 
-TEST_F(RtpSkMcast, SsmPairsAreSeparateMemberships)
-{
-    open(0, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.7"));
-    open(1, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.7"));
-    open(2, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.8"));
-    shut(2);
-    const std::string filters = read_file("/proc/net/mcfilter");
-    EXPECT_NE(filters.find("0xe8010203 0x0a090007      1"), std::string::npos);
-    EXPECT_EQ(filters.find("0x0a090008"), std::string::npos);
-    EXPECT_EQ(debug_lines(), "+ sock 0.0.0.0:" + p + " mcif 10.9.0.1\n+ mgrp 232.1.2.3 from 10.9.0.7 on 10.9.0.1\n"
-                             "+ mgrp 232.1.2.3 from 10.9.0.8 on 10.9.0.1\n- mgrp 232.1.2.3 from 10.9.0.8 on 10.9.0.1\n");
-}
 } // namespace
