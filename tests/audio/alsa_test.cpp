@@ -107,19 +107,14 @@ TEST_P(AlsaOpenFails, PrintsTheStepsMessageAndNeverUsesThatStream)
 }
 
 #define E "Input/output error"
-#define HW24 "\nSetting of playback hwparams S24 failed: " E "\n"
 #define SWP "\nSetting of swparams playback failed: " E "\n"
 INSTANTIATE_TEST_SUITE_P(
     EveryStep, AlsaOpenFails,
     ::testing::Values(
         open_failure{0, "snd_pcm_open", 1, "Cannot open playback device hw:0,0 (" E ")\n"},
-        open_failure{0, "snd_pcm_hw_params_set_format", 2, "cannot set sample format (" E ")" HW24},
         open_failure{0, "snd_pcm_sw_params_set_avail_min", 1, "Unable to set avail min for " E SWP},
-        open_failure{1, "snd_pcm_open", 1, "Cannot open capture device hw:0,0 (" E ")\n"},
         open_failure{1, "snd_pcm_hw_params_set_format", 1,
                      "cannot set sample format (" E ")\nSetting of capture hwparams failed: " E "\n"},
-        open_failure{1, "snd_pcm_sw_params_get_boundary", 1,
-                     "Unable to get boundary for playback: " E "\nSetting of swparams capture failed: " E "\n"},
         open_failure{1, "snd_pcm_start", 1, "Capture start (" E ")\n"}));
 
 // Either direction: a block moves when more than 48 frames are free (to

@@ -157,23 +157,6 @@ protected:
     }
 };
 
-TEST_F(RtpSkMcast, OneSocketPerPortAndInterface)
-{
-    open(0, endpoint("239.192.0.5", port, "10.9.0.1"));
-    open(1, endpoint("239.192.0.37", port, "10.9.0.1"));
-    open(2, endpoint("239.192.0.5", port, "10.9.1.1"));
-    EXPECT_EQ(sockets(), 2);
-    ASSERT_EQ(sk(0), sk(1));
-    EXPECT_EQ(sk(0)->sa_bind.sin_addr.s_addr, INADDR_ANY);
-    EXPECT_EQ(sk(0)->rtp_sk_ep_list_ip_dst_hash[5].next, &rtp_dsts[1].ep.rtp_sk_ep_list);
-    EXPECT_EQ(rtp_dsts[0].ep.backoff_cnt, RTP_BACKOFF_ARMED);
-    EXPECT_NE(sh("ip maddr show dev pv0").find("239.192.0.37"), std::string::npos);
-    EXPECT_NE(sh("ip maddr show dev pv1").find("239.192.0.5"), std::string::npos);
-    const std::string s = " sock 0.0.0.0:" + p + " mcif 10.9.";
-    EXPECT_EQ(debug_lines(), "+" + s + "0.1\n+ mgrp 239.192.0.5 #5 on 10.9.0.1\n+ mgrp 239.192.0.37 #37 on 10.9.0.1\n+" +
-                                 s + "1.1\n+ mgrp 239.192.0.5 #5 on 10.9.1.1\n");
-}
-
 TEST_F(RtpSkMcast, GroupIsJoinedOnceAndLeftWithTheLastEndpoint)
 {
     open(0, endpoint("239.192.0.5", port, "10.9.0.1"));
