@@ -165,6 +165,7 @@ struct rtp_dst {
     int vox_activeto;       // rt; hold counter
     float stats_audio_sample; // peak: raised by rt, reset by the report (sup) -- two writers
     int eaec_source;        // sup; reference mix output, -1: none; published last on set-up, first on tear-down
+    int eaec_ref;           // sup only; reference the crosspoint asks for, -1: none
     int eaec_frame_length;  // sup, while eaec_source is -1
     int16_t eaec_mic[EAEC_FRAME_MAX]; // rt
     int16_t eaec_spk[EAEC_FRAME_MAX]; // rt
