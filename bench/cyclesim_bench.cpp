@@ -9,7 +9,7 @@
 int main()
 {
     // name, streams, ms, wake late min/max us, stall at/ms, delay/spread/jitter us,
-    // sender stall at/ms, ppm, step at/samples, seed, timestamp offset
+    // sender stall at/ms, ppm, step at/samples, seed, timestamp offset, drain stall ms
     static const sim_scenario matrix[] = {
         {"punctual, sent 0.5 ms after the block", 48, 3000, 0, 0, 0, 0, 500, 0, 0, 0, 0, 0, 0, 0, 1},
         {"every wake-up 1.0-1.9 ms late", 48, 3000, 1000, 1900, 0, 0, 500, 0, 0, 0, 0, 0, 0, 0, 2},
@@ -21,6 +21,7 @@ int main()
         {"stall of 5 ms", 48, 1000, 0, 500, 500, 5, 500, 0, 300, 0, 0, 0, 0, 0, 7},
         {"stall of 20 ms", 48, 1000, 0, 500, 500, 20, 500, 0, 300, 0, 0, 0, 0, 0, 8},
         {"stall of 100 ms", 48, 1000, 0, 500, 500, 100, 500, 0, 300, 0, 0, 0, 0, 0, 9},
+        {"a 9 ms stall inside a wake-up's drain", 48, 1000, 0, 500, 500, 0, 500, 0, 300, 0, 0, 0, 0, 0, 14, 0, 9},
         {"senders stall 20 ms, then a burst", 48, 1000, 0, 1000, 0, 0, 500, 0, 300, 500, 20, 0, 0, 0, 10},
         {"stream 0 steps 10 ms forward", 8, 1000, 0, 1000, 0, 0, 500, 0, 300, 0, 0, 0, 500, 480, 11},
         {"stream 0 100 ppm fast", 8, 10000, 0, 1000, 0, 0, 500, 0, 300, 0, 0, 100, 0, 0, 12},

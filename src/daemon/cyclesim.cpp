@@ -111,9 +111,9 @@ sim_result cycle_sim_run(const sim_scenario &sc)
     const size_t samples = size_t(packets) * MIX_BLOCK;
     std::vector<uint8_t> played(size_t(n) * samples, 0);
     const bool altered = sc.ppm != 0 || sc.step_samples != 0; // stream 0 keeps no common time line
-    const int64_t stall_from = std::min(sc.stall_ms ? int64_t(sc.stall_at_ms) * MS : INT64_MAX,
+    const int64_t stall_from = std::min(sc.stall_ms || sc.drain_stall_ms ? int64_t(sc.stall_at_ms) * MS : INT64_MAX,
                                         sc.sender_stall_ms ? sstall_from : INT64_MAX);
-    const int64_t stall_to = std::max(sc.stall_ms ? int64_t(sc.stall_at_ms + sc.stall_ms) * MS : 0,
+    const int64_t stall_to = std::max(sc.stall_ms || sc.drain_stall_ms ? int64_t(sc.stall_at_ms + sc.stall_ms + sc.drain_stall_ms) * MS : 0,
                                       sc.sender_stall_ms ? sstall_to : 0);
     int64_t last_bad = -1; // media time of the end of the last broken block after a stall
     r.delay_min = INT32_MAX;
@@ -123,7 +123,8 @@ sim_result cycle_sim_run(const sim_scenario &sc)
     int64_t now = 300000;
     int64_t ts_prev = now + 2 * MS - now % MS;
     int64_t due = ts_prev;
-    bool stalled = false;
+    bool stalled = false, drain_stalled = false;
+    int64_t busy_until = 0; // a stall inside the last wake-up ended here
     int32_t buf[2 * MIX_BLOCK];
     uint8_t dgram[DGRAM];
     while (due < end_ns) {
@@ -132,8 +133,14 @@ sim_result cycle_sim_run(const sim_scenario &sc)
             late = int64_t(sc.stall_ms) * MS;
             stalled = true;
         }
-        now = due + late;
+        now = std::max(due + late, busy_until);
         due = now + MS - now % MS;
+        int64_t drain_stall = 0;
+        if (sc.drain_stall_ms && !drain_stalled && now >= int64_t(sc.stall_at_ms) * MS) {
+            drain_stall = int64_t(sc.drain_stall_ms) * MS;
+            drain_stalled = true;
+            busy_until = now + drain_stall;
+        }
         const timespec prev = at(ts_prev);
         const wake_plan p = mix_wake_plan(prev, at(now), 2 * MS);
         if (p.resync) {
@@ -144,7 +151,9 @@ sim_result cycle_sim_run(const sim_scenario &sc)
         const rtp_rx_time rx{p.rtp_ts, p.rtp_ts + uint32_t(MIX_BLOCK * p.blocks)};
         for (int i = 0; i < n; i++) {
             sender &s = snd[size_t(i)];
-            for (int got = 0; got < RTP_RECV_BATCH && s.next < packets && s.arrival[size_t(s.next)] <= now; got++) {
+            const int64_t drained_at = now + (i >= n / 2 ? drain_stall : 0);
+            for (int got = 0; got < RTP_RECV_BATCH && s.next < packets && s.arrival[size_t(s.next)] <= drained_at;
+                 got++) {
                 const int k = int(s.next++);
                 uint32_t ts = ts0 + uint32_t(sc.ts_offset) + uint32_t(MIX_BLOCK * k);
                 if (i == 0 && sc.step_samples && START_NS + k * MS >= int64_t(sc.step_at_ms) * MS)

@@ -22,6 +22,7 @@ struct sim_scenario {
     int step_at_ms, step_samples;            // stream 0's timestamps jump forward
     uint32_t seed;
     int ts_offset; // every sender's timestamps minus our media clock
+    int drain_stall_ms; // at stall_at_ms, a stall after the first half of the sockets was drained
 };
 
 struct sim_result {

@@ -86,6 +86,8 @@ struct rtp_ep {
     uint32_t rtp_ts0;     // rt
     int32_t rtp_run;      // rt
     int32_t ptime_samples; // rt
+    uint32_t ahead_wake;  // rt; wake-up that last found the stream ahead
+    int32_t ahead;        // rt; 1 while that finding waits for a second one
     int64_t tx_pkts, tx_err; // rt (send path)
 };
 

@@ -15,7 +15,7 @@ struct sim_case {
 TEST(CycleSim, LateWakeUpsLoseNothingStallsRecoverSteppedSendersRelock)
 {
     // streams, ms, wake late min/max us, stall at/ms, delay/spread/jitter us,
-    // sender stall at/ms, ppm, step at/samples, seed, timestamp offset
+    // sender stall at/ms, ppm, step at/samples, seed, timestamp offset, drain stall ms
     const sim_case cases[] = {
         {{"punctual", 48, 400, 0, 0, 0, 0, 500, 0, 0, 0, 0, 0, 0, 0, 1}, 0, 0, 0, 0},
         {{"wake-ups 1.0-1.9 ms late", 48, 1000, 1000, 1900, 0, 0, 500, 0, 0, 0, 0, 0, 0, 0, 2}, 0, 0, 0, 0},
@@ -28,8 +28,9 @@ TEST(CycleSim, LateWakeUpsLoseNothingStallsRecoverSteppedSendersRelock)
         // what the stall itself costs, and nothing after it
         {{"stall 5 ms", 48, 600, 0, 500, 300, 5, 500, 0, 300, 0, 0, 0, 0, 0, 7}, 192, 13824, 0, 0},
         {{"stall 100 ms", 48, 600, 0, 500, 300, 100, 500, 0, 300, 0, 0, 0, 0, 0, 9}, 4752, 232704, 0, 10},
+        {{"9 ms stall inside a drain", 48, 600, 0, 500, 300, 0, 500, 0, 300, 0, 0, 0, 0, 0, 14, 0, 9}, 168, 20736, 0, 0},
         {{"senders stall 20 ms", 48, 600, 0, 1000, 0, 0, 500, 0, 300, 300, 20, 0, 0, 0, 10}, 816, 39168, 0, 10},
-        // ahead by 10 ms: one re-lock at once; only the jump's own datagram is lost
+        // ahead by 10 ms: one re-lock, on the second wake-up that sees it
         {{"step forward", 8, 600, 0, 1000, 0, 0, 500, 0, 300, 0, 0, 0, 300, 480, 11}, 0, 48, 1, 0},
     };
     for (const sim_case &c : cases) {

@@ -109,15 +109,17 @@ TEST_F(RtpRecvFlow, GapsRepeatsAndMarkers)
 TEST_F(RtpRecvFlow, EarlySenderRelocksLateOneKeepsTheLockFor2Point5Seconds)
 {
     start();
-    const uint32_t early = L + 38; // seq 12 arrives a packet time and 10 samples before it is due
-    feed(ep, rtp_datagram(12, TS + 96, ramp(2)), early);
-    EXPECT_EQ(slot(early - 48 + 144), s24f(2));
-    feed(ep, rtp_datagram(13, TS + 144, ramp(3)), early + 119999); // far behind, within the tolerance
-    EXPECT_EQ(slot(early + 144), s24f(3)); // its position has passed: counted late, written all the same
-    EXPECT_EQ(counters(), "count 4 good 3 drop 0 dupl 0 seqe 0 srst 1 reset 2 late 1");
-    feed(ep, rtp_datagram(14, TS + 192, ramp(4)), early + 120000); // 2.5 s without a datagram in time
+    const uint32_t early = L + 38; // seqs 12 and 13 arrive a packet time and 10 samples before they are due
+    feed(ep, rtp_datagram(12, TS + 96, ramp(2)), early); // once may be our own stall: played at its timestamp
+    EXPECT_EQ(played(12), s24f(2));
+    feed(ep, rtp_datagram(13, TS + 144, ramp(3)), early + 48); // ahead on a second wake-up: re-locked
+    EXPECT_EQ(slot(early + 144), s24f(3));
+    feed(ep, rtp_datagram(14, TS + 192, ramp(4)), early + 48 + 119999); // far behind, within the tolerance
+    EXPECT_EQ(slot(early + 192), s24f(4)); // its position has passed: counted late, written all the same
+    EXPECT_EQ(counters(), "count 5 good 4 drop 0 dupl 0 seqe 0 srst 1 reset 2 late 1");
+    feed(ep, rtp_datagram(15, TS + 240, ramp(5)), early + 48 + 120000); // 2.5 s without a datagram in time
     EXPECT_EQ(ep->rx_reset, 3);
-    EXPECT_EQ(slot(early + 120000 + 96), s24f(4));
+    EXPECT_EQ(slot(early + 48 + 120000 + 96), s24f(5));
 }
 
 TEST_F(RtpRecvFlow, HeaderSkipsCsrcAndExtensionAndIgnoresRtcpTypes)
