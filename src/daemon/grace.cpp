@@ -61,18 +61,22 @@ int grace_wait()
     // The counter moves after the last read of a wake-up, so once it has
     // moved, the wake-up that may have seen the old state is over.
     const timespec pause{0, 200000};
-    long report_at_us = 100000;
-    for (long waited_us = 0;; waited_us += 200) {
+    timespec t0{}, now{};
+    clock_gettime(CLOCK_MONOTONIC, &t0);
+    long report_at_ms = 100;
+    for (unsigned n = 1;; n++) {
         if (!std::atomic_ref<int32_t>(rt_alive).load(std::memory_order_seq_cst))
             return 0;
         if (std::atomic_ref<uint32_t>(rt_cycles).load(std::memory_order_seq_cst) - c0 >= 1)
             return 0;
-        if (waited_us % 10000 == 0 && waited_us > 0 && rt_gone())
+        if (n % 50 == 0 && rt_gone())
             return -1;
-        if (waited_us >= report_at_us) {
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const long waited_ms = (now.tv_sec - t0.tv_sec) * 1000 + (now.tv_nsec - t0.tv_nsec) / 1000000;
+        if (waited_ms >= report_at_ms) {
             fprintf(stderr, "pelod: grace_wait: the real-time cycle has not passed a boundary for %ld ms\n",
-                    waited_us / 1000);
-            report_at_us *= 10; // 0.1 s, 1 s, 10 s, ...
+                    waited_ms);
+            report_at_ms *= 10; // 0.1 s, 1 s, 10 s, ...
         }
         nanosleep(&pause, nullptr);
     }

@@ -108,12 +108,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const size_t len = size - 2;
     uint8_t *packet = static_cast<uint8_t *>(malloc(len ? len : 1));
     memcpy(packet, data + 2, len);
-    // twice: the first datagram teaches the flow, the second plays
-    const uint32_t now = uint32_t(data[1]) << 24;
+    // twice: the first datagram teaches the flow, the next one (sequence
+    // and timestamp moved on) locks it and plays
+    const uint32_t now = uint32_t(data[1]) << 24, step = 48u * (1 + (data[1] >> 4));
     rtp_ep_recv_packet(&flow.ep, packet, int(len), now);
-    if (len >= 4)
+    if (len >= 8) {
         packet[3]++;
-    rtp_ep_recv_packet(&flow.ep, packet, int(len), now + 48);
+        const uint32_t ts = (uint32_t(packet[4]) << 24 | uint32_t(packet[5]) << 16 | uint32_t(packet[6]) << 8 | packet[7]) + step;
+        for (int i = 0; i < 4; i++)
+            packet[4 + i] = uint8_t(ts >> (24 - 8 * i));
+    }
+    rtp_ep_recv_packet(&flow.ep, packet, int(len), now + step);
     free(packet);
     return 0;
 }
