@@ -16,10 +16,6 @@
 #include <string>
 #include <vector>
 
-// The flow and stream tables live with routing, which this target leaves out.
-rtp_dst rtp_dsts[RTP_DST_MAX];
-rtp_src *rtp_srcs;
-
 namespace {
 struct flow_kind {
     rtp_fmt fmt;
