@@ -17,7 +17,7 @@ inline constexpr int RTP_SRC_OPUS_MAX_BYTES = 1440;
 inline constexpr uint8_t RTP_PT_UNSET = 255;    // configured "pt" absent
 inline constexpr uint8_t RTP_PT_MONO = 101;     // default for one channel
 inline constexpr uint8_t RTP_PT_MULTI = 96;     // default otherwise
-inline constexpr float RTP_SRC_MONO_PAIR = 0.707946f; // -3 dB: mono on two channels
+inline constexpr double RTP_SRC_MONO_PAIR = 0.707946; // -3 dB: mono on two channels, applied in double
 
 struct rtp_src {
     rtp_src *next;
