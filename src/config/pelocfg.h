@@ -2,52 +2,17 @@
 // and outgoing-stream records, applied to the running daemon by difference.
 #pragma once
 #include "audio/CG_LimCom_interface.h"
-#include "daemon/dlist.h"
+#include "daemon/records.h"
 #include "daemon/vox.h"
 #include "rtp/rtp_recv.h"
 #include "rtp/rtp_sk.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
-inline constexpr int SRCS_MAX = 64;
 inline constexpr int CFG_LINE_LEN = 2050;
 
-// One crosspoint: a source (stream or sound-card input) into a named mix.
-struct pelod_xpt {
-    char mix[65];
-    char src[65];         // address/channel/"alsa:<n>" with ;src= ;fmt= ;pdly=
-    rtp_fmt fmt;
-    int chn;              // -1: not given
-    int pdly;             // samples; default 48 for "alsa:", else 0
-    float gain_dB;
-    pelod_vox_cfg vox;
-    char eaec_mix[65];    // "ecs": echo canceller reference mix
-    ::limcom_params limcom_params;
-    rtp_ep_spec ep;
-};
-
-// One outgoing stream as configured.
-struct src {
-    char mix[130];
-    char rtpa[65];
-    rtp_fmt fmt;
-    rtp_ep_spec ep;
-    uint8_t rtp_pt;        // 255: default
-    int rtp_ptime_samples; // ptime (ms) * 48
-    float gainv_dB[2];
-    ::limcom_params limcom_params;
-    int bitrate;
-    int cbr;
-};
-
-// A crosspoint list node, owned by the loader.
-struct xpt {
-    pelod_xpt x;
-    dlist link;
-};
-
-extern src srcs[SRCS_MAX];
-extern int srcs_used;
 extern char ifs[40];
 extern dlist xpts, xpts_del, xpts_new;
 
@@ -78,3 +43,32 @@ void pelocfg_vox(pelod_vox_cfg *vox, const char *s);
 // and an interface text (empty: 0.0.0.0). All zero when either is no
 // valid address.
 void rtpa2ep(const char *rtpa, const char *ifa, rtp_ep_spec *eps, int nep);
+
+// [sup] The reading half of a load, which touches no running state: every
+// running crosspoint becomes a deletion candidate (xpts_del), srcs and ifs
+// are emptied, and f's lines go through the line handlers into xpts,
+// xpts_new and srcs. pelocfg_load applies what it leaves; the checker only
+// looks at it.
+void pelocfg_read(FILE *f);
+// [sup] 1 when a and b are the same crosspoint for a reload: source, mix,
+// channel, playout delay, voice activity, canceller mix and limiter
+// (gain, endpoint and format are not compared).
+int pelocfg_xpt_same(const pelod_xpt *a, const pelod_xpt *b);
+
+// What a load sees beyond the records it makes, for the configuration
+// checker (tools/pelod-check). The daemon leaves pelocfg_obs null and stays
+// as quiet as ever; any member may be null.
+struct pelocfg_observer {
+    // Every piece fgets returns, before its handler: `bytes` read (NUL
+    // bytes included, line end included), `cut` when the buffer filled
+    // before the line end, so the rest comes as the next piece.
+    void (*piece)(const char *raw, size_t bytes, bool cut);
+    // A handler looked tag up in its line: value is where it starts (null:
+    // absent), buf_size the buffer it is copied into, 0 for a number.
+    void (*tag)(const char *tag, const char *value, size_t buf_size);
+    // A handler's warning text (printed on standard output otherwise).
+    void (*warn)(const char *text);
+    // After the handler of a GLB, XPT or SRC line, with its result.
+    void (*done)(int result);
+};
+extern const pelocfg_observer *pelocfg_obs;

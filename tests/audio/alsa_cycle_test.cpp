@@ -82,15 +82,6 @@ protected:
     rtp_src src{};
 };
 
-TEST_F(AlsaCycle, WithoutASoundCardSourceSilenceIsPlayedAndTheMicrophoneHeard)
-{
-    mic(4, 0, 48);
-    EXPECT_EQ(run(true), block{});
-    for (int k = 0; k < 48; k++)
-        EXPECT_EQ(*mix_slot(TS + 48 + uint32_t(k), 4), float(mic_value(2 * k)) * int24_to_float) << k;
-    EXPECT_EQ(buf[1], -2000); // the buffer ends holding the captured block, sign-extended
-}
-
 struct render_case {
     int nchn, mix1; // mix[0] is 2, holding 0.5; mix 5 holds -0.25
     float gain0, gain1;
@@ -100,8 +91,8 @@ struct render_case {
 
 class AlsaCycleRender : public AlsaCycle, public ::testing::WithParamInterface<render_case> {};
 
-// The last of two sound-card sources is played; with nothing captured the
-// buffer keeps that block, and a microphone flow takes it.
+// The last of two sound-card sources is played; with nothing captured a
+// microphone flow hears silence, never the block just played.
 TEST_P(AlsaCycleRender, LastSoundCardSourcePlaysItsMixesWithTheirGains)
 {
     const render_case &c = GetParam();
@@ -121,7 +112,7 @@ TEST_P(AlsaCycleRender, LastSoundCardSourcePlaysItsMixesWithTheirGains)
     rtp_srcs = &first;
     mic(4, 0, 48);
     EXPECT_EQ(run(), frames(c.left, c.right));
-    EXPECT_EQ(*mix_slot(TS + 48, 4), float(c.left) * int24_to_float);
+    EXPECT_EQ(*mix_slot(TS + 48, 4), 0.0f);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -144,34 +135,4 @@ TEST_F(AlsaCycle, FullScaleTruncatesAndOverloadSaturates)
         EXPECT_EQ(b[2 * k], want[k]) << in[k];
 }
 
-// Channel count 0 and 2 take the left channel, 3 every third value; 1
-// deliberately takes all 96 interleaved values into 96 slots.
-TEST_F(AlsaCycle, MicrophoneChannelCountSetsTheStep)
-{
-    for (auto [nchan, count, step] : {std::array{0, 48, 2}, {1, 96, 1}, {2, 48, 2}, {3, 32, 3}}) {
-        SetUp();
-        mic(9, nchan, 48);
-        run(true);
-        for (int k = 0; k <= count; k++)
-            EXPECT_EQ(*mix_slot(TS + 48 + uint32_t(k), 9), k < count ? float(mic_value(k * step)) * int24_to_float : 0)
-                << nchan << " " << k;
-    }
-}
-
-TEST_F(AlsaCycle, OnlySoundCardFlowsHearTheMicrophoneAtTheirOwnDelay)
-{
-    rtp_dsts[0].ep.sa_dst.sin_family = AF_INET;
-    mic(3, 0, 48);
-    mic(7, 0, 96);
-    const uint32_t ts = 5u * 8192u - 60u; // the block ends past the ring's last row
-    run(true, ts);
-    const float first = float(mic_value(0)) * int24_to_float, last = float(mic_value(94)) * int24_to_float;
-    EXPECT_EQ(mix_inp[8180 * MIX_INP_MAX + 3], first);
-    EXPECT_EQ(mix_inp[35 * MIX_INP_MAX + 3], last); // wrapped to the ring's start
-    EXPECT_EQ(mix_inp[36 * MIX_INP_MAX + 3], 0.0f);
-    EXPECT_EQ(*mix_slot(ts + 96, 7), first);
-    EXPECT_EQ(*mix_slot(ts + 96 + 47, 7), last);
-    for (uint32_t t = 0; t < 8192; t++)
-        ASSERT_EQ(mix_inp[t * MIX_INP_MAX + 0], 0.0f) << t;
-}
 } // namespace

@@ -68,7 +68,7 @@ TEST_F(EaecGlue, FirstFrameSilentThenProcessedFrameOneFrameLater)
     eaec_done(p, s);
 }
 
-TEST_F(EaecGlue, SamplesWrapAtSixteenBits)
+TEST_F(EaecGlue, SamplesBeyondFullScaleAreHeldThere)
 {
     dst_eaec_setup(&d, REF);
     mix_out[REF] = 1.5f;
@@ -76,8 +76,8 @@ TEST_F(EaecGlue, SamplesWrapAtSixteenBits)
     mix_out[MIX_OUT_MAX + REF] = -1.0f;
     *mix_slot(TS0 + 1, FLOW) = 1.0f;
     eaec_run(TS0);
-    EXPECT_EQ(d.eaec_mic[0], -16386); // low 16 bits of 49150
-    EXPECT_EQ(d.eaec_spk[0], -16386);
+    EXPECT_EQ(d.eaec_mic[0], 32767); // not the low 16 bits of 49150
+    EXPECT_EQ(d.eaec_spk[0], 32767);
     EXPECT_EQ(d.eaec_mic[1], 32767);
     EXPECT_EQ(d.eaec_spk[1], -32767);
     EXPECT_EQ(d.eaec_pos, 48);
