@@ -10,7 +10,9 @@
 //   while the background does clearly better) makes the output, so double
 //   talk cannot throw the output filter off
 //   e and y -> sqrt-Hann analysis -> residual-echo and noise suppression
-//   -> synthesis, overlap-add -> 16-bit output, one hop later.
+//   gain per bin -> minimum-phase filter (real cepstrum) applied to e by
+//   overlap-save, cross-faded from the previous frame's filter over the
+//   frame -> 16-bit output of the same frame: the processor adds no delay.
 //
 // Single-precision float throughout: the far-end power spans more than
 // 90 dB and the filter's per-bin normalisation would need block-floating
@@ -58,9 +60,9 @@ struct eaec_chan {
     float err_bg, err_fg, err_mic;     // smoothed error energies of the two, and the mic's
     float part_norm[EAEC_PART_MAX];    // |W_p| of the background
     float part_gain[EAEC_PART_MAX];    // step share of each partition (sum 1)
-    float e_hist[EAEC_HOP_MAX];        // previous frame's error and echo
-    float y_hist[EAEC_HOP_MAX];        //   estimate (first window half)
-    float ola[EAEC_HOP_MAX];           // synthesis overlap
+    float e_hist[EAEC_FFT_MAX];        // the error's last M - N samples (output filter, analysis)
+    float y_hist[EAEC_HOP_MAX];        // previous frame's echo estimate (analysis)
+    alignas(16) float h_re[EAEC_KPAD_MAX], h_im[EAEC_KPAD_MAX]; // previous frame's output filter
     alignas(16) float s_ee[EAEC_KPAD_MAX], s_yy[EAEC_KPAD_MAX]; // smoothed powers
     alignas(16) float m_e[EAEC_KPAD_MAX], m_y[EAEC_KPAD_MAX];   // slow means for the leak
     alignas(16) float r_ey[EAEC_KPAD_MAX], r_yy[EAEC_KPAD_MAX]; // leak regression
