@@ -29,7 +29,7 @@ inline constexpr int EAEC_HOP_MAX = 512;
 inline constexpr int EAEC_KPAD_MAX = (EAEC_BIN_MAX + 3) & ~3; // 516
 inline constexpr int EAEC_CHAN_MAX = 2;
 inline constexpr int EAEC_TAIL_MS = 200;  // echo tail covered after the bulk delay
-inline constexpr int EAEC_ADAPT_HZ = 12000; // upper edge of the adaptive filter's band
+inline constexpr int EAEC_ADAPT_HZ = 24000; // upper edge of the adaptive filter's band
 inline constexpr int EAEC_PART_MAX = 64;
 inline constexpr int EAEC_LAGS = 3; // frame lags tried by the coherence
 
