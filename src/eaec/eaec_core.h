@@ -97,6 +97,7 @@ void eaec_free_state(const eaec_params *p, eaec_state *s);
 // [sup] Sets a freshly allocated state to its starting values.
 void eaec_reset_state(const eaec_params *p, eaec_state *s);
 
-// Library platform layer: aligned, zero-filled allocation and its release.
+// Library platform layer: aligned, zero-filled allocation and its release
+// (with the frame processor, so the interface layer above only calls down).
 void *eaec_calloc(size_t bytes);
 void eaec_free(void *ptr);

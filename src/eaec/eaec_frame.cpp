@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <type_traits>
 
@@ -308,6 +309,17 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
     output_stage(p, c, e, f.mu, f.pe, out, f);
 }
 } // namespace
+
+void *eaec_calloc(size_t bytes)
+{
+    const size_t rounded = (bytes + 63) & ~size_t{63};
+    void *p = aligned_alloc(64, rounded ? rounded : 64);
+    if (p)
+        memset(p, 0, rounded ? rounded : 64);
+    return p;
+}
+
+void eaec_free(void *ptr) { free(ptr); }
 
 void eaec_lib_startup(void)
 {
