@@ -36,9 +36,11 @@ build: deps
 	cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	cmake --build $(BUILD) -j $(JOBS)
 
-# A test tone goes to the example's unicast crosspoint, so the report
+# The configuration is checked first (errors stop here), then a test tone
+# goes to the example's unicast crosspoint, so the report
 # (/tmp/pelod.stat) shows a level on that flow and on the "spk" mix.
 run: build
+	@./$(BUILD)/pelod-check examples/pelod.conf || [ $$? -eq 1 ]
 	@./$(BUILD)/pelod -p - -f examples/pelod.conf & pelod=$$!; \
 	(sleep 1; exec ./$(BUILD)/pelod-tone -q -f 440 -l -12 127.0.0.1:5004) & tone=$$!; \
 	trap 'kill $$pelod $$tone 2>/dev/null' INT TERM; \

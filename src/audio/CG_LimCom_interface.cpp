@@ -107,7 +107,8 @@ void cg_limcom_run(uint32_t rtp_ts) noexcept
         if (!limcom_active(l))
             continue;
         for (int k = 0; k < LIMCOM_BLOCK; k++)
-            l->inputBuffer[k] = *mix_slot(rtp_ts + uint32_t(k), i);
+            // one NaN or absurd value would stay in the limiter's state
+            l->inputBuffer[k] = sample_bound(*mix_slot(rtp_ts + uint32_t(k), i));
         CG_limcom_process(l);
         for (int k = 0; k < LIMCOM_BLOCK; k++)
             *mix_slot(rtp_ts + uint32_t(k), i) = finite_or_zero(l->outputBuffer[k]);

@@ -81,8 +81,9 @@ void eaec_run(uint32_t rtp_ts) noexcept
         const int pos = d.eaec_pos;
         for (int k = 0; k < MIX_BLOCK; k++) {
             float *slot = mix_slot(rtp_ts + uint32_t(k), d.index);
-            d.eaec_spk[pos + k] = f2int16(mix_out[k * MIX_OUT_MAX + source]);
-            d.eaec_mic[pos + k] = f2int16(*slot);
+            // beyond full scale the 16-bit samples would wrap around
+            d.eaec_spk[pos + k] = f2int16(sample_bound(mix_out[k * MIX_OUT_MAX + source], 1.0f));
+            d.eaec_mic[pos + k] = f2int16(sample_bound(*slot, 1.0f));
             *slot = float(d.eaec_out[pos + k]) * int16_to_float;
         }
         if (pos + MIX_BLOCK >= d.eaec_frame_length) {

@@ -23,7 +23,8 @@ void eaec_lib_init();
 // is also the tear-down the routing uses (source -1).
 void dst_eaec_setup(rtp_dst *dst, int source);
 // [rt] For every flow with a canceller: stores this block's reference and
-// microphone samples as 16-bit (truncated, wrapping like f2int16), puts the
+// microphone samples as 16-bit (held at full scale, a NaN as 0, then
+// truncated like f2int16), puts the
 // output of the previous frame back at the same ring positions, and
 // processes the frame when its 480 samples are complete.
 void eaec_run(uint32_t rtp_ts) noexcept;

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -26,6 +27,7 @@ src srcs[SRCS_MAX];
 int srcs_used;
 char ifs[40];
 dlist xpts = {&xpts, &xpts}, xpts_del = {&xpts_del, &xpts_del}, xpts_new = {&xpts_new, &xpts_new};
+const pelocfg_observer *pelocfg_obs;
 
 namespace {
 
@@ -34,7 +36,33 @@ constexpr uint16_t PORT_DEFAULT = 5004;
 
 template <size_t N> size_t copy_tag(char (&buf)[N], const char *cmd, const char *tag)
 {
-    return vtr_copyval(buf, vtr_findval(cmd, tag), int(N));
+    const char *v = vtr_findval(cmd, tag);
+    if (pelocfg_obs && pelocfg_obs->tag)
+        pelocfg_obs->tag(tag, v, N);
+    return vtr_copyval(buf, v, int(N));
+}
+
+long getl(const char *cmd, const char *tag, long def)
+{
+    if (pelocfg_obs && pelocfg_obs->tag)
+        pelocfg_obs->tag(tag, vtr_findval(cmd, tag), 0);
+    return vtr_getl(cmd, tag, def);
+}
+
+// "'<tag>' <text>" on standard output, or the text to the observer.
+[[gnu::format(printf, 2, 3)]] void cfg_warn(const char *tag, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    if (pelocfg_obs && pelocfg_obs->warn) {
+        char text[200];
+        vsnprintf(text, sizeof text, fmt, ap);
+        pelocfg_obs->warn(text);
+    } else {
+        printf("'%s' ", tag);
+        vprintf(fmt, ap);
+    }
+    va_end(ap);
 }
 
 const char *skip_keyword(const char *cmd, const char *kw)
@@ -210,20 +238,17 @@ void rtp_fmt_parse(rtp_fmt *fmt, const char *rtpmap_fmt, const char *tag)
     }
 
     if (!l24 && fmt->bps != 0 && fmt->bps != 16 && fmt->bps != 24) {
-        printf("'%s' fmt warning: Only supports 16-bit and 24-bit streams. Using default 24-bit "
-               "depth.\n",
-               tag);
+        cfg_warn(tag, "fmt warning: Only supports 16-bit and 24-bit streams. Using default 24-bit "
+                      "depth.\n");
         fmt->bps = 24;
     }
     if (fmt->samplerate != 0 && fmt->samplerate != 48000) {
-        printf("'%s' fmt warning: Only supports 48000kHz sample rate. Using default 48000kHz.\n",
-               tag);
+        cfg_warn(tag, "fmt warning: Only supports 48000kHz sample rate. Using default 48000kHz.\n");
         fmt->samplerate = 48000;
     }
     if (unsigned(fmt->nchan) > 8) {
-        printf("'%s' fmt warning: Only supports streams with 1-8 channels. Using 2-channel "
-               "default.\n",
-               tag);
+        cfg_warn(tag, "fmt warning: Only supports streams with 1-8 channels. Using 2-channel "
+                      "default.\n");
         fmt->nchan = 2;
     }
 }
@@ -296,9 +321,8 @@ void pelocfg_limcom(limcom_params *lcp, const char *s)
 static void limcom_warn(const limcom_params &lcp, const char *tag)
 {
     if (lcp.enable && (lcp.threshold == 0.0 || lcp.attack == 0.0 || lcp.release == 0.0))
-        printf("'%s' lce warning: limiter enabled without T=, a= and r= (all non-zero); "
-               "its output is silent.\n",
-               tag);
+        cfg_warn(tag, "lce warning: limiter enabled without T=, a= and r= (all non-zero); "
+                      "its output is silent.\n");
 }
 
 int pelocfg_load_glb(const char *cmd)
@@ -320,7 +344,7 @@ int pelocfg_load_xpt(const char *cmd)
     copy_tag(x.src, cmd, "src");
     copy_tag(ifa, cmd, "ifa");
     rtpa2ep(x.src, ifa[0] ? ifa : ifs, &x.ep, 1);
-    x.chn = int(vtr_getl(cmd, "chn", -1));
+    x.chn = int(getl(cmd, "chn", -1));
     copy_tag(fmt, cmd, "fmt");
     rtp_fmt_parse(&x.fmt, fmt, cmd);
     if (copy_tag(gain, cmd, "gain"))
@@ -332,7 +356,7 @@ int pelocfg_load_xpt(const char *cmd)
     }
     if (copy_tag(vox, cmd, "vox"))
         pelocfg_vox(&x.vox, vox);
-    x.pdly = int(vtr_getl(cmd, "pdly", strncmp(x.src, "alsa:", 5) == 0 ? 48 : 0));
+    x.pdly = int(getl(cmd, "pdly", strncmp(x.src, "alsa:", 5) == 0 ? 48 : 0));
     pelocfg_src(x);
 
     if (xpt *n = xpt_lookup(x)) {
@@ -367,10 +391,10 @@ int pelocfg_load_src(const char *cmd)
     copy_tag(p.rtpa, cmd, "rtpa");
     copy_tag(fmt, cmd, "fmt");
     rtp_fmt_parse(&p.fmt, fmt, cmd);
-    p.rtp_pt = uint8_t(vtr_getl(cmd, "pt", 255));
-    p.rtp_ptime_samples = int(48UL * static_cast<unsigned long>(vtr_getl(cmd, "ptime", 1)));
-    p.cbr = int(vtr_getl(cmd, "cbr", 0));
-    p.bitrate = int(vtr_getl(cmd, "br", 0));
+    p.rtp_pt = uint8_t(getl(cmd, "pt", 255));
+    p.rtp_ptime_samples = int(48UL * static_cast<unsigned long>(getl(cmd, "ptime", 1)));
+    p.cbr = int(getl(cmd, "cbr", 0));
+    p.bitrate = int(getl(cmd, "br", 0));
 
     if (copy_tag(gainv, cmd, "gainv")) {
         const char *g = gainv;
@@ -412,10 +436,32 @@ void xpts_to_del()
     }
 }
 
+// fgets leaves no length: with an observer the buffer is filled with a
+// non-zero byte first, so the last NUL in it is the one fgets wrote.
+void observe_piece(char (&line)[CFG_LINE_LEN])
+{
+    const char *end = static_cast<const char *>(memrchr(line, '\0', sizeof line));
+    const size_t bytes = end ? size_t(end - line) : 0;
+    pelocfg_obs->piece(line, bytes, bytes > 0 && bytes == sizeof line - 1 && line[bytes - 1] != '\n');
+}
+
+void observe_done(int result)
+{
+    if (pelocfg_obs && pelocfg_obs->done)
+        pelocfg_obs->done(result);
+}
+
 void read_lines(FILE *f)
 {
     char line[CFG_LINE_LEN];
-    while (fgets(line, sizeof line, f)) {
+    const bool pieces = pelocfg_obs && pelocfg_obs->piece;
+    for (;;) {
+        if (pieces)
+            memset(line, '\n', sizeof line);
+        if (!fgets(line, sizeof line, f))
+            break;
+        if (pieces)
+            observe_piece(line);
         if (line[0] == '#')
             continue;
         // the line end is no part of the last value (nor of a warning text)
@@ -423,21 +469,32 @@ void read_lines(FILE *f)
         while (n > 0 && (line[n - 1] == '\n' || line[n - 1] == '\r'))
             line[--n] = '\0';
         if (strncasecmp(line, "GLB ", 4) == 0)
-            pelocfg_load_glb(line);
+            observe_done(pelocfg_load_glb(line));
         else if (strncasecmp(line, "XPT ", 4) == 0)
-            pelocfg_load_xpt(line);
+            observe_done(pelocfg_load_xpt(line));
         else if (strncasecmp(line, "SRC ", 4) == 0)
-            pelocfg_load_src(line);
+            observe_done(pelocfg_load_src(line));
     }
 }
 
 } // namespace
 
-int pelocfg_load(const char *fname)
+int pelocfg_xpt_same(const pelod_xpt *a, const pelod_xpt *b)
+{
+    return xpt_equal(*a, *b) ? 1 : 0;
+}
+
+void pelocfg_read(FILE *f)
 {
     xpts_to_del();
     srcs_used = 0;
     ifs[0] = '\0';
+    if (f)
+        read_lines(f);
+}
+
+int pelocfg_load(const char *fname)
+{
     errno = 0;
 
     std::unique_ptr<FILE, int (*)(FILE *)> f(fname ? fopen(fname, "r") : nullptr, fclose);
@@ -446,9 +503,8 @@ int pelocfg_load(const char *fname)
         open_err = fname ? errno : EINVAL;
         perror("pelocfg_load");
         syslog(LOG_ERR, "pelocfg_load file open error %s", fname ? fname : "(null)");
-    } else {
-        read_lines(f.get());
     }
+    pelocfg_read(f.get());
 
     while (!dlist_empty(&xpts_del)) {
         xpt *n = dlist_entry(xpts_del.next, xpt, link);

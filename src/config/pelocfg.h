@@ -7,7 +7,9 @@
 #include "rtp/rtp_recv.h"
 #include "rtp/rtp_sk.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 inline constexpr int SRCS_MAX = 64;
 inline constexpr int CFG_LINE_LEN = 2050;
@@ -78,3 +80,32 @@ void pelocfg_vox(pelod_vox_cfg *vox, const char *s);
 // and an interface text (empty: 0.0.0.0). All zero when either is no
 // valid address.
 void rtpa2ep(const char *rtpa, const char *ifa, rtp_ep_spec *eps, int nep);
+
+// [sup] The reading half of a load, which touches no running state: every
+// running crosspoint becomes a deletion candidate (xpts_del), srcs and ifs
+// are emptied, and f's lines go through the line handlers into xpts,
+// xpts_new and srcs. pelocfg_load applies what it leaves; the checker only
+// looks at it.
+void pelocfg_read(FILE *f);
+// [sup] 1 when a and b are the same crosspoint for a reload: source, mix,
+// channel, playout delay, voice activity, canceller mix and limiter
+// (gain, endpoint and format are not compared).
+int pelocfg_xpt_same(const pelod_xpt *a, const pelod_xpt *b);
+
+// What a load sees beyond the records it makes, for the configuration
+// checker (tools/pelod-check). The daemon leaves pelocfg_obs null and stays
+// as quiet as ever; any member may be null.
+struct pelocfg_observer {
+    // Every piece fgets returns, before its handler: `bytes` read (NUL
+    // bytes included, line end included), `cut` when the buffer filled
+    // before the line end, so the rest comes as the next piece.
+    void (*piece)(const char *raw, size_t bytes, bool cut);
+    // A handler looked tag up in its line: value is where it starts (null:
+    // absent), buf_size the buffer it is copied into, 0 for a number.
+    void (*tag)(const char *tag, const char *value, size_t buf_size);
+    // A handler's warning text (printed on standard output otherwise).
+    void (*warn)(const char *text);
+    // After the handler of a GLB, XPT or SRC line, with its result.
+    void (*done)(int result);
+};
+extern const pelocfg_observer *pelocfg_obs;

@@ -7,6 +7,7 @@
 #include "daemon/mix.h"
 #include "daemon/mixrun.h"
 #include "daemon/pelod.h"
+#include "daemon/rtctx.h"
 #include "daemon/vox.h"
 #include "routing/xpt.h"
 #include "rtp/rtp_sk.h"
@@ -143,18 +144,10 @@ int main(int argc, char **argv)
     if (daemonize && daemon(0, 0) != 0)
         exit(1);
 
-    void *stack = mmap(nullptr, RT_STACK_SIZE, PROT_READ | PROT_WRITE,
-                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
-    if (stack == MAP_FAILED) {
-        perror("pelod: mmap");
+    rt_context rt{};
+    const pid_t rt_pid = rt_context_start(&rt, mix_run, nullptr, RT_STACK_SIZE);
+    if (rt_pid < 0)
         exit(1);
-    }
-    const pid_t rt_pid = clone(mix_run, static_cast<char *>(stack) + RT_STACK_SIZE,
-                               CLONE_VM | CLONE_FILES | SIGCHLD, nullptr);
-    if (rt_pid < 0) {
-        perror("pelod: clone(mix_run)");
-        exit(1);
-    }
     pelostats.mix_run_pid = rt_pid;
     pelostats.clk_id = clk_id;
     pelostats.phc_dev = cl.phc_dev;
@@ -196,7 +189,7 @@ int main(int argc, char **argv)
     if (pid_file[0])
         unlink(pid_file);
     pelod_child_exit_wait(rt_pid, "DSP");
-    munmap(stack, RT_STACK_SIZE);
+    rt_context_release(&rt);
     if (phc_fd >= 0)
         close(phc_fd);
     printf("jitter max %dns\n", jitter_max);

@@ -58,6 +58,13 @@ int16_t f2int16(float x) noexcept { return int16_t(uint16_t(uint32_t(f2int32_sat
 
 float dB2lin(float dB) { return float(std::pow(10.0, double(dB) * 0.05)); }
 
+float gain_lin(float dB)
+{
+    if (!(dB > -100.0f))
+        return 0.0f;
+    return dB2lin(dB < 100.0f ? dB : 100.0f);
+}
+
 void mix_gain_set(int imix_out, int imix_inp, float g)
 {
     mix_gain[imix_out][imix_inp] = g;

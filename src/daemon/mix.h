@@ -54,6 +54,20 @@ int32_t f2int32_sat(float x) noexcept;
 
 // [sup][rt] 10^(dB * 0.05) in double precision, rounded to float.
 float dB2lin(float dB);
+// [sup] A configured gain as a factor: -100 dB or less (and a NaN) mutes,
+// more than +100 dB is held at +100 dB, so no gain is ever infinite.
+float gain_lin(float dB);
+
+// Largest magnitude a ring sample may have: 6 dB above full scale, which
+// no sane input reaches (PCM and the microphone stay within full scale).
+inline constexpr float SAMPLE_BOUND = 2.0f;
+// [rt] v held within +-bound, a NaN as 0; v itself whenever it is inside.
+inline float sample_bound(float v, float bound = SAMPLE_BOUND) noexcept
+{
+    if (!(v == v))
+        return 0.0f;
+    return v > bound ? bound : v < -bound ? -bound : v;
+}
 // [sup] Sets one gain and recomputes that output's mode.
 void mix_gain_set(int imix_out, int imix_inp, float g);
 // [sup] Recomputes mixouts[imix].mode from row imix of mix_gain.

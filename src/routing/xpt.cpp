@@ -91,8 +91,7 @@ static rtp_dst *xpt_flow(const pelod_xpt *x)
     return nullptr;
 }
 
-// -100 dB or less mutes; so does a gain that is not a number
-static float xpt_gain(const pelod_xpt *x) { return x->gain_dB > -100.0f ? dB2lin(x->gain_dB) : 0.0f; }
+static float xpt_gain(const pelod_xpt *x) { return gain_lin(x->gain_dB); }
 
 // Ends a canceller that the cycle may be running: it is disabled first and
 // its objects are freed only once the cycle has passed a boundary.

@@ -241,7 +241,8 @@ void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst) no
     const int i = dst->index;
     if (n_ch == 2 && dst->channel_mode < 0 && dec_ch == 2) {
         for (int k = 0; k < n; k++)
-            *mix_slot(rtp_ts + uint32_t(k), i) = downmix(pcm[2 * k], pcm[2 * k + 1]);
+            *mix_slot(rtp_ts + uint32_t(k), i) =
+                downmix(sample_bound(pcm[2 * k]), sample_bound(pcm[2 * k + 1]));
         return;
     }
     const int stride = dst->fmt.nchan;
@@ -249,7 +250,7 @@ void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst) no
         return;
     const int end = dec_ch * n; // never past what the decoder wrote
     for (int k = std::max(dst->channel_mode, 0); k < end; k += stride)
-        *mix_slot(rtp_ts++, i) = pcm[k];
+        *mix_slot(rtp_ts++, i) = sample_bound(pcm[k]); // garbage decodes far beyond full scale
 }
 
 void rtp_ep_backoff_check(rtp_ep *ep, uint32_t src_addr_h, const uint8_t *packet, int l) noexcept

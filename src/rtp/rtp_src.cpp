@@ -25,7 +25,7 @@ uint32_t opus_enc_rtp_ts;
 
 static float src_gain_lin(float dB)
 {
-    return dB > -100.0f ? float(std::pow(10.0, double(dB) * 0.05)) : 0.0f;
+    return gain_lin(dB);
 }
 
 static bool limcom_params_equal(const limcom_params &a, const limcom_params &b)

@@ -82,15 +82,6 @@ protected:
     rtp_src src{};
 };
 
-TEST_F(AlsaCycle, WithoutASoundCardSourceSilenceIsPlayedAndTheMicrophoneHeard)
-{
-    mic(4, 0, 48);
-    EXPECT_EQ(run(true), block{});
-    for (int k = 0; k < 48; k++)
-        EXPECT_EQ(*mix_slot(TS + 48 + uint32_t(k), 4), float(mic_value(2 * k)) * int24_to_float) << k;
-    EXPECT_EQ(buf[1], -2000); // the buffer ends holding the captured block, sign-extended
-}
-
 struct render_case {
     int nchn, mix1; // mix[0] is 2, holding 0.5; mix 5 holds -0.25
     float gain0, gain1;
@@ -158,20 +149,4 @@ TEST_F(AlsaCycle, MicrophoneChannelCountSetsTheStep)
     }
 }
 
-TEST_F(AlsaCycle, OnlySoundCardFlowsHearTheMicrophoneAtTheirOwnDelay)
-{
-    rtp_dsts[0].ep.sa_dst.sin_family = AF_INET;
-    mic(3, 0, 48);
-    mic(7, 0, 96);
-    const uint32_t ts = 5u * 8192u - 60u; // the block ends past the ring's last row
-    run(true, ts);
-    const float first = float(mic_value(0)) * int24_to_float, last = float(mic_value(94)) * int24_to_float;
-    EXPECT_EQ(mix_inp[8180 * MIX_INP_MAX + 3], first);
-    EXPECT_EQ(mix_inp[35 * MIX_INP_MAX + 3], last); // wrapped to the ring's start
-    EXPECT_EQ(mix_inp[36 * MIX_INP_MAX + 3], 0.0f);
-    EXPECT_EQ(*mix_slot(ts + 96, 7), first);
-    EXPECT_EQ(*mix_slot(ts + 96 + 47, 7), last);
-    for (uint32_t t = 0; t < 8192; t++)
-        ASSERT_EQ(mix_inp[t * MIX_INP_MAX + 0], 0.0f) << t;
-}
 } // namespace

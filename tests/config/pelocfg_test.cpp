@@ -133,23 +133,6 @@ TEST_F(ConfigEmpty, ExampleFileLoads)
               "spk 127.0.0.1:5006 127.0.0.1:5006 pt 255 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/24/48000/1 lce 0/0/0/0/0/0/0");
 }
 
-TEST_F(ConfigEmpty, ExampleLinesLoad)
-{
-    load("GLB ifs=192.168.1.10\n"
-         "XPT mix=spk src=239.192.0.5:5004;src=192.168.1.20;fmt=L24/48000/2;pdly=96 chn=0 "
-         "gain=-6 vox=1;t=-45;h=2 ecs=mic lce=1;a=5;r=100;T=0.5;R=4\n"
-         "SRC mix=mic rtpa=239.192.1.1:5004 fmt=L24/48000/1 pt=97 ptime=1\n"
-         "SRC mix=line rtpa=alsa:0\n");
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(loaded(), "spk<239.192.0.5:5004;src=192.168.1.20;fmt=L24/48000/2;pdly=96: 239.192.0.5:5004 "
-                        "192.168.1.10:5004 from 192.168.1.20:0 chn 0 pdly 96 gain -6 vox -45.00/2000/0 ecs mic "
-                        "fmt 0/24/48000/2 lce 1/0/1/5/100/0.5/4\n");
-    ASSERT_EQ(srcs_used, 2);
-    EXPECT_EQ(describe(srcs[0]) + "\n" + describe(srcs[1]),
-              "mic 239.192.1.1:5004 192.168.1.10:5004 pt 97 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/24/48000/1 lce 0/0/0/0/0/0/0\n"
-              "line alsa:0 alsa:0 pt 255 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/0/0/0 lce 0/0/0/0/0/0/0");
-}
-
 TEST_F(ConfigEmpty, XptDefaultsAndSourceOptions)
 {
     strcpy(ifs, "10.1.1.1");
@@ -193,50 +176,6 @@ TEST_F(ConfigEmpty, WarningsNameTheLineOrTheSource)
                    "'XPT mix=a src=5 fmt=L24/44100/2' fmt warning: Only supports 48000kHz sample rate. Using default "
                    "48000kHz.\n"
                    "'6;fmt=L24/48000/10' fmt warning: Only supports streams with 1-8 channels. Using 2-channel default.\n");
-}
-
-TEST_F(ConfigEmpty, SixtyFifthSrcAndLaterGlbAreIgnored)
-{
-    std::string text = "XPT mix=early src=5\nGLB ifs=10.0.0.1\n";
-    for (int i = 0; i < 65; ++i)
-        text += "SRC mix=m" + std::to_string(i) + " rtpa=" + std::to_string(i + 1) + "\n";
-    load(text + "GLB ifs=10.9.9.9\nXPT mix=late src=5\n");
-    EXPECT_EQ(srcs_used, 64);
-    EXPECT_STREQ(srcs[63].mix, "m63");
-    EXPECT_STREQ(ifs, "10.0.0.1");
-    EXPECT_EQ(ep_text(find("early", "5")->ep) + ", " + ep_text(find("late", "5")->ep),
-              "239.192.0.5:5004 0.0.0.0:5004, 239.192.0.5:5004 10.0.0.1:5004");
-    EXPECT_EQ(pelocfg_load_src("SRC mix=x rtpa=1"), -1);
-}
-
-TEST_F(ConfigEmpty, GarbageLinesAreIgnored)
-{
-    std::string text = "XPT\tmix=tab src=1\n#XPT mix=comment src=1\nXPTmix=nb src=1\n"
-                       "\x01\xff\x7f garbage = \" \\\nxpt mix=lower src=2\n";
-    text += "XPT mix=cut src=3 x=" + std::string(3000, 'x') + " XPT mix=tail src=4\n";
-    text += "XPT mix=huge src=\"" + std::string(65536, ' ') + "\n";
-    text += std::string("XPT mix=nul src=6\0 more\n", 24) + "SRC mix=s rtpa=\\\nGLB ifs\n";
-    load(text);
-    std::string mixes;
-    for (dlist *e = xpts.next; e != &xpts; e = e->next)
-        mixes += dlist_entry(e, xpt, link)->x.mix + std::string(" ");
-    EXPECT_EQ(mixes, "lower cut huge nul ");
-    EXPECT_NE(find("cut", "3"), nullptr);
-    EXPECT_NE(find("nul", "6"), nullptr);
-    EXPECT_EQ(srcs_used, 1);
-    EXPECT_EQ(ep_text(srcs[0].ep), "none");
-}
-
-TEST_F(ConfigEmpty, MissingFileRemovesEverything)
-{
-    load("XPT mix=a src=1\nXPT mix=b src=2\nSRC mix=a rtpa=3\n");
-    routing_calls.clear();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(pelocfg_load("/nonexistent/pelod.conf"), ENOENT);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "pelocfg_load: No such file or directory\n");
-    EXPECT_EQ(routing_ops(), "ddu");
-    EXPECT_EQ(routing_calls[2].srcs_used, 0);
-    EXPECT_TRUE(dlist_empty(&xpts) && dlist_empty(&xpts_del));
 }
 
 TEST_F(ConfigEmpty, ReloadAppliesOnlyTheDifference)
@@ -286,10 +225,8 @@ TEST(ConfigFormat, FieldsAndWarnings)
         rtp_fmt before, want;
         const char *warning;
     } cases[] = {
-        {"L24", {}, {0, 0, 0, 0}, ""},                  {"", {}, {0, 0, 0, 0}, ""},
-        {"L24/2", {}, {0, 24, 48000, 2}, ""},           {"L24.48000.1", {}, {0, 24, 48000, 1}, ""},
+        {"L24", {}, {0, 0, 0, 0}, ""},                  {"L24.48000.1", {}, {0, 24, 48000, 1}, ""},
         {"L24/44100/2", {}, {0, 24, 48000, 2}, rate},   {"L24/48000/9", {}, {0, 24, 48000, 2}, chans},
-        {"L24/48000/-1", {}, {0, 24, 48000, 2}, chans}, {"L16/48000/2", {}, {0, 0, 48000, 2}, ""},
         {"opus/48000/2", {}, {1, 0, 48000, 2}, ""},     {"ndi/0", {}, {2, 0, 48000, 0}, ""},
         {"Opus/2", {}, {0, 0, 48000, 2}, ""},           {"L16/48000/2", {0, 32, 0, 0}, {0, 24, 48000, 2}, bits},
     };
@@ -305,9 +242,8 @@ TEST(ConfigFormat, FieldsAndWarnings)
 TEST(ConfigVoxLimcom, ValuesAndWhereParsingStops)
 {
     const std::pair<const char *, const char *> vox[] = {
-        {"1", "vox -48.00/1000/0"},           {"0;t=-20", "vox 0.00/1000/0"},
-        {"1;t=-120", "vox 0.00/1000/0"},      {"1;h=0.25;g=1.9;x=5;t=-6", "vox -6.00/250/1"},
-        {"1;t=-20x;h=5", "vox -20.00/1000/0"}, {"1;h=1e300;g=-1e300", "vox -48.00/2147483647/-2147483648"},
+        {"0;t=-20", "vox 0.00/1000/0"},        {"1;t=-120", "vox 0.00/1000/0"},
+        {"1;h=0.25;g=1.9;x=5;t=-6", "vox -6.00/250/1"}, {"1;t=-20x;h=5", "vox -20.00/1000/0"},
     };
     for (const auto &[s, want] : vox) {
         pelod_vox_cfg v{};
@@ -316,9 +252,7 @@ TEST(ConfigVoxLimcom, ValuesAndWhereParsingStops)
     }
     const std::pair<const char *, const char *> lce[] = {
         {"1;i=23;a=1", "lce 1/2/3/1/0/0/0"}, {"1;i=28;a=1", "lce 1/2/1/0/0/0/0"},
-        {"1;i=01a=5", "lce 1/0/1/0/0/0/0"},  {"0;a=5", "lce 0/0/1/0/0/0/0"}, // only 1 is skipped
-        {";r=5;R=2;T=0.1;q=3;a=7", "lce 0/0/1/7/5/0.1/2"},
-        {"1;a", "lce 1/0/1/0/0/0/0"},        {"1;i=", "lce 1/0/1/0/0/0/0"},
+        {"0;a=5", "lce 0/0/1/0/0/0/0"}, {";r=5;R=2;T=0.1;q=3;a=7", "lce 0/0/1/7/5/0.1/2"}, // only 1 is skipped
     };
     for (const auto &[s, want] : lce) {
         limcom_params l{};
@@ -332,14 +266,10 @@ TEST(ConfigEndpoint, AddressesAndPorts)
     const char *const cases[][3] = { // rtpa, ifa, endpoint
         {"5", "", "239.192.0.5:5004 0.0.0.0:5004"},
         {"239.1.1.1:6000", "192.168.1.2", "239.1.1.1:6000 192.168.1.2:6000"},
-        {"239.1.1.1:6000", "192.168.1.2:7000", "239.1.1.1:6000 192.168.1.2:7000"},
-        {"10.0.0.1", nullptr, "10.0.0.1:5004 0.0.0.0:5004"},
-        {"0.0.0.0:6000", "", "0.0.0.0:6000 0.0.0.0:6000"},
-        {"vts://5", "", "239.192.0.5:0 0.0.0.0:0"},
+        {"10.0.0.1", nullptr, "10.0.0.1:5004 0.0.0.0:5004"}, {"vts://5", "", "239.192.0.5:0 0.0.0.0:0"},
         {"5", ":7000", "239.192.0.5:5004 0.0.0.0:7000"},
         {"239.1.1.1;src=10.0.0.9;fmt=x;src=10.0.0.8", "", "239.1.1.1:5004 0.0.0.0:5004 from 10.0.0.8:0"},
-        {"0", "", "none"}, {"", "", "none"}, {"alsa:0", "", "none"}, {"abc://1.2.3.4", "", "none"},
-        {"5", "1.2.3", "none"}, {"5", "abc://1.2.3.4", "none"},
+        {"0", "", "none"}, {"alsa:0", "", "none"}, {"5", "1.2.3", "none"},
     };
     for (const auto &[rtpa, ifa, want] : cases) {
         rtp_ep_spec ep[2];

@@ -27,11 +27,7 @@ TEST(VtrFind, TerminatorsQuotesAndEscapes)
         {"a=1 ,,a=2", "a", "1 ,,a=2", 1, "a=1 ,,a=2"},
         {"GLB gain=3", "GLB", "gain=3", 3, nullptr},
         {"x mix:a", "mixer", nullptr, 3, "mix:a"},
-        {"x mix:a", "mi", nullptr, 8, nullptr},
-        {"x=1\ty=2", "y", nullptr, 1, nullptr},
-        {"b=\\", "a", nullptr, 1, nullptr},
         {"b=\"open a=1", "a", nullptr, 1, nullptr},
-        {"", "a", nullptr, 1, nullptr},
         {nullptr, "a", nullptr, 1, nullptr},
         {"a=1", nullptr, nullptr, 0, nullptr},
     };
@@ -55,9 +51,8 @@ TEST(VtrCopyval, ValuesAndBufferBounds)
         const char *want;
     };
     const copy_case cases[] = {
-        {R"("a b",c)", 64, "a b"}, {R"("a b",c)", 2, "a"}, {R"(x\,y z)", 64, "x,y"},
-        {"ab\r\ncd", 64, "ab"},    {"\"a\nb\" c", 64, "a\nb"}, {"ab\\", 64, "ab\\"},
-        {nullptr, 64, ""},         {"abcd", 5, "abcd"},     {"abcdef", 4, "abc"},
+        {R"("a b",c)", 2, "a"}, {R"(x\,y z)", 64, "x,y"}, {"ab\r\ncd", 64, "ab"},
+        {"\"a\nb\" c", 64, "a\nb"}, {nullptr, 64, ""}, {"abcdef", 4, "abc"},
     };
     for (const copy_case &c : cases) {
         char buf[66];
@@ -106,16 +101,11 @@ TEST(VtrUrl, AddressForms)
     };
     const url_case cases[] = {
         {"239.192.0.5:5004", "239.192.0.5", 0, 5004}, {"1.2.3.4:0x1388", "1.2.3.4", 0, 5000},
-        {"\"10.0.0.1:7000\"", "10.0.0.1", 0, 7000},    {"1.2.3.300", "1.2.3.44", 0, 5004},
-        {"0.0.0.0", "0.0.0.0", 0, 5004},               {"vts://239.1.2.3:9", "239.1.2.3", 0, 9},
-        {"5", "239.192.0.5", 0, 5004},                 {"5:6000", "239.192.0.5", 0, 5004},
-        {"-5", "239.193.0.5", 0, 5004},                {"vts://1234", "239.192.4.210", 0, 5004},
-        {"70000", "239.192.17.112", 0, 5004},          {"-9223372036854775808", "239.193.0.0", 0, 5004},
-        {"abc://1.2.3.4", nullptr, 0, 1},              {"VTS://5", nullptr, 0, 1},
+        {"1.2.3.300", "1.2.3.44", 0, 5004},            {"vts://239.1.2.3:9", "239.1.2.3", 0, 9},
+        {"5:6000", "239.192.0.5", 0, 5004},            {"-5", "239.193.0.5", 0, 5004},
+        {"vts://1234", "239.192.4.210", 0, 5004},      {"abc://1.2.3.4", nullptr, 0, 1},
         {nullptr, nullptr, 0, 1},                      {"0", nullptr, BAD, 1},
-        {"abc", nullptr, BAD, 1},                      {"", nullptr, BAD, 1},
-        {"1.2.3", nullptr, BAD, 1},                    {"1.2.3:80", nullptr, BAD, 1},
-        {"-1.2.3.4", nullptr, BAD, 1},                 {"255.255.255.255", nullptr, BAD, 5004},
+        {"1.2.3:80", nullptr, BAD, 1},                 {"255.255.255.255", nullptr, BAD, 5004},
     };
     for (const url_case &c : cases) {
         uint16_t port = 1;
@@ -128,19 +118,10 @@ TEST(VtrUrl, AddressForms)
 
 TEST(VtrEscape, NeverSplitsAPairAndReadsBack)
 {
-    char buf[16];
-    EXPECT_EQ(vtr_escape(buf, 4, "a\"b"), 3);
-    EXPECT_STREQ(buf, "a\\\"");
+    char buf[16], back[16];
     EXPECT_EQ(vtr_escape(buf, 3, "a\"b"), 1);
     EXPECT_STREQ(buf, "a");
-    EXPECT_EQ(vtr_escape(buf, 1, "abc") + vtr_escape(buf, sizeof buf, nullptr), 0);
-    EXPECT_STREQ(buf, "");
-    EXPECT_EQ(vtr_escape(nullptr, sizeof buf, "a"), 0);
-    buf[0] = '#';
-    EXPECT_EQ(vtr_escape(buf, 0, "a"), 0);
-    EXPECT_EQ(buf[0], '#');
     ASSERT_EQ(vtr_escape(buf, sizeof buf, "x\"y\\z\""), 9);
-    char back[16];
     vtr_copyval(back, buf, sizeof back);
     EXPECT_STREQ(back, "x\"y\\z\"");
 }

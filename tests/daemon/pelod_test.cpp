@@ -65,35 +65,6 @@ TEST_F(PelodOptions, ValuesReachTheirGlobals)
     EXPECT_EQ(cl.phc_dev, nullptr);
 }
 
-// "-h" and "--help" name the option table's entry at the index they reset
-// (the first, and their own); anything unknown prints the usage only.
-TEST_F(PelodOptions, HelpAndUnknownOptionsPrintTheUsage)
-{
-    const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"-h"}, "pelod unrecognized option: daemonize\n\n"},
-        {{"--help"}, "pelod unrecognized option: help\n\n"},
-        {{"-P", "1"}, ""},
-        {{"--bogus"}, ""},
-        {{"-x"}, ""}};
-    for (const auto &[args, first] : cases) {
-        EXPECT_EQ(parse(args), 1) << args[0];
-        EXPECT_EQ(printed, first + "pelod" + usage);
-    }
-}
-
-TEST(PelodPidFile, NamedAfterTheConfigurationFile)
-{
-    const std::pair<const char *, const char *> cases[] = {{"/etc/pelod.conf", "/var/run/pelod.pid"},
-                                                           {"/x/y/studio.cfg.txt", "/var/run/studio.cfg.pid"},
-                                                           {"noext", "/var/run/noext.pid"},
-                                                           {"/a.b/plain", "/var/run/plain.pid"}};
-    char buf[256];
-    for (auto [conf, pid] : cases) {
-        pidfile_name(buf, sizeof buf, conf);
-        EXPECT_STREQ(buf, pid);
-    }
-}
-
 TEST(PelodBinary, UsageExitsWithZeroAndAMissingClockWithOne)
 {
     SKIP_UNDER_EMULATION();
@@ -103,20 +74,6 @@ TEST(PelodBinary, UsageExitsWithZeroAndAMissingClockWithOne)
     r = run_prog({PELOD_BIN, "-p", "/dev/nonexistent-ptp", "-f", "/nonexistent.conf"});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("pelod: open(PHC_CLOCK): No such file or directory"), std::string::npos) << r.err;
-}
-
-TEST(PelodBinary, DebugLineShowsTheMinimumPlayoutDelay)
-{
-    SKIP_UNDER_EMULATION();
-    for (auto [arg, want] : {std::pair{"--sysjitter=0.0035", "jitter:3500000ns minoffs:144samples"},
-                             std::pair{"--sysjitter=0.0005", "jitter:500000ns minoffs:0samples"}}) {
-        pelod_proc p("# empty\n");
-        ASSERT_TRUE(p.start_up({"-d", arg})) << p.err();
-        p.signal(SIGTERM);
-        EXPECT_EQ(p.wait(), 0);
-        EXPECT_NE(p.out().find(std::string("pelod clock:SYSTEM ") + want + " vector64:NEON"), std::string::npos)
-            << p.out();
-    }
 }
 
 TEST(PelodLifecycle, SignalsReloadResetAndStopCleanly)

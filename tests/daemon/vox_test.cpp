@@ -9,7 +9,6 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 namespace {
@@ -106,44 +105,6 @@ TEST_F(VoxFlows, GatedFlowIsMixedOnlyForItsHoldTimeAfterALoudPacket)
     EXPECT_EQ(rx.take(), (texts{R"({"vox":["talker"]})", R"({"vox":[]})"}));
 }
 
-// Detection off (threshold 0), a free slot and a negative level never make
-// a flow active or mute it; hold time 0 announces each loud block but never
-// lists its flow.
-TEST_F(VoxFlows, OffFreeNegativeOrNoHoldTimeIsNeverListed)
-{
-    flow(0, "off", 0.0f, 100, 1);
-    flow(1, "", 0.1f, 100, 1);
-    flow(2, "neg", 0.1f, 100, 0);
-    flow(5, "zero", 0.1f, 0, 0);
-    for (float v : {-0.2f, -1.0f, 0.0f}) {
-        rtp_dsts[0].vox_sample = rtp_dsts[1].vox_sample = 1.0f;
-        rtp_dsts[2].vox_sample = v; // the level is signed
-        rtp_dsts[5].vox_sample = v ? 0.5f : 0.0f;
-        block(0.7f);
-        EXPECT_EQ(heard(0), 0.7f);
-        EXPECT_EQ(heard(1), 0.7f);
-    }
-    EXPECT_EQ(rx.take(), (texts{R"({"vox":[]})", R"({"vox":[]})"}));
-}
-
-TEST_F(VoxFlows, OnlyTheLastPacketsFirstSampleCounts)
-{
-    flow(6, "late", 0.1f, 100, 0);
-    auto packet = [&](uint32_t at, float first, float rest) { // as the receive path does
-        for (uint32_t k = 0; k < 48; k++)
-            *mix_slot(at + k, 6) = k ? rest : first;
-        rtp_dsts[6].vox_sample = *mix_slot(at, 6);
-    };
-    packet(ts + 96, 0.9f, 0.9f);
-    packet(ts + 144, 0.01f, 0.9f);
-    block();
-    EXPECT_EQ(rx.take(), texts{});
-    packet(ts + 96, 0.01f, 0.01f);
-    packet(ts + 144, 0.2f, 0.0f);
-    block();
-    EXPECT_EQ(rx.take(), texts{R"({"vox":["late"]})"});
-}
-
 TEST_F(VoxFlows, LongNamesFitAndNothingIsAllocated)
 {
     std::string want = R"({"vox":[)";
@@ -165,21 +126,4 @@ TEST_F(VoxFlows, LongNamesFitAndNothingIsAllocated)
     EXPECT_EQ(std::string(small, 143), want.substr(0, 141) + "]}");
 }
 
-TEST_F(VoxFlows, SocketFailureKeepsTheNotificationPending)
-{
-    flow(0, "a", 0.1f, 100, 0).vox_sample = 0.5f;
-    rlimit lim{};
-    getrlimit(RLIMIT_NOFILE, &lim);
-    const rlimit none{0, lim.rlim_max};
-    testing::internal::CaptureStderr();
-    setrlimit(RLIMIT_NOFILE, &none); // socket() fails
-    block();
-    block();
-    setrlimit(RLIMIT_NOFILE, &lim);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "pelod: vox_notify: Too many open files\n");
-    EXPECT_EQ(vox_notify_pending, 1);
-    block();
-    EXPECT_EQ(rx.take(), texts{R"({"vox":["a"]})"});
-    EXPECT_EQ(vox_notify_pending, 0);
-}
 } // namespace

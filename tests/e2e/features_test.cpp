@@ -2,21 +2,16 @@
 // own: the report file, the voice-activity notifications, the sound card
 // (alsa-lib with "hw" redefined as a file plugin) and the limiter of
 // outgoing streams. The test sends and receives RTP itself.
-#include "audio/CG_LimCom_interface.h"
 #include "audio/alsa.h"
-#include "config/pelocfg.h"
-#include "daemon/mix.h"
 #include "e2e.h"
 #include "support/alsa_file.h"
 
-#include <array>
 #include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <memory>
-#include <new>
 #include <poll.h>
 #include <sstream>
 #include <unistd.h>
@@ -201,113 +196,4 @@ TEST_F(E2eFeatures, PlaysAMixRoutedToTheCardIntoThePlaybackFile)
     EXPECT_GE(played, 200);
 }
 
-TEST_F(E2eFeatures, SendsTheCapturedLeftChannelInAStream)
-{
-    const samples left = tone(0.5);
-    // 24 bits in 32-bit words, as the card delivers them. The daemon reads
-    // the file at eight blocks a millisecond: this lasts about a second.
-    samples words;
-    for (int b = 0; b < ALSA_LOOP_MAX * 1000; b++)
-        for (int32_t v : left)
-            words.insert(words.end(), {int32_t(uint32_t(v) & 0xFFFFFF), 0x123456});
-    card = std::make_unique<alsa_file_card>(std::string(reinterpret_cast<const char *>(words.data()), words.size() * 4));
-    const int out = udp_socket(*ns, "127.0.0.1", 6000);
-    start("XPT mix=mic src=alsa:0\nSRC mix=mic rtpa=127.0.0.1:6000 ifa=127.0.0.1:7000 fmt=L24/48000/1\n");
-    int packets = 0, tone_packets = 0;
-    wait_for(2000, [&] {
-        std::vector<rtp_pkt> pkts;
-        rtp_drain(out, pkts);
-        for (const rtp_pkt &pkt : pkts) {
-            const samples got = l24_channel(pkt.payload, 1, 0);
-            const int r = got.size() == 48 ? tone_or_silence(got, [&](size_t k) { return left[k]; }, 1) : -1;
-            EXPECT_GE(r, 0) << "packet " << packets;
-            packets++;
-            tone_packets += r == 1;
-        }
-        return tone_packets >= 100;
-    });
-    close(out);
-    EXPECT_GE(tone_packets, 100);
-}
-
-// Steady output of the one-channel model for a constant input x: the
-// envelope settles at x/T, the gain at 1/(1 + R max(x/T - 1, 0.0001)), and
-// the output carries the model's fixed drive 0.25/T.
-double steady_1ch(double x, double T, double R) { return x * 0.25 / T / (1 + R * std::max(x / T - 1, 1e-4)); }
-
-// The stereo model's output after it has run long on the same block pair:
-// the reference for the daemon's stream in steady state.
-std::array<float, 96> settled_2ch(const char *lce, const std::array<std::vector<float>, 2> &mixes)
-{
-    limcom_params p{};
-    pelocfg_limcom(&p, lce);
-    auto *l = new (std::nothrow) LimCom_Instance{};
-    CG_limcom_init_instance(l, &p, 2);
-    for (int n = 0; n < 2000; n++) {
-        std::copy_n(mixes[size_t(p.ch0 & 1)].begin(), 48, l->inputBuffer);
-        std::copy_n(mixes[size_t(p.ch1 & 1)].begin(), 48, l->inputBuffer + 48);
-        CG_limcom_process(l);
-    }
-    std::array<float, 96> out;
-    std::copy_n(l->outputBuffer, 96, out.begin());
-    delete l;
-    return out;
-}
-
-TEST_F(E2eFeatures, LimitedStreamsSendTheSteadyLevelOfTheModel)
-{
-    struct row {
-        const char *lce;
-        bool stereo;     // mono: a constant 0.5; stereo: a tone at 0.5 and -6 dB below
-        double T, R;
-    };
-    const row rows[] = {
-        {"1;a=1;r=10;T=1;R=4", false, 1, 4},     // below the threshold: the drive only
-        {"1;a=1;r=10;T=0.25;R=4", false, 0.25, 4}, // twice the threshold
-        {"1;a=1;r=1;T=0.1;R=2", true, 0, 0},
-        {"1;i=10;a=1;r=1;T=0.1;R=2", true, 0, 0}, // channels swapped
-    };
-    // row i goes out to 127.0.0.1:600i from 127.0.0.1:700i
-    const std::string in = " fmt=L24/48000/1 pdly=" + SLACK;
-    std::string conf = "XPT mix=dc src=127.0.0.1:5004" + in + "\nXPT mix=a src=127.0.0.1:5006" + in +
-                       "\nXPT mix=b src=127.0.0.1:5006" + in + " gain=-6\n";
-    std::vector<int> outs;
-    for (size_t i = 0; i < std::size(rows); i++) {
-        outs.push_back(udp_socket(*ns, "127.0.0.1", uint16_t(6000 + i)));
-        conf += std::string("SRC mix=") + (rows[i].stereo ? "a:b" : "dc") + " rtpa=127.0.0.1:600" +
-                std::to_string(i) + " ifa=127.0.0.1:700" + std::to_string(i) +
-                (rows[i].stereo ? " fmt=L24/48000/2" : " fmt=L24/48000/1") + " lce=" + rows[i].lce + "\n";
-    }
-    start(conf);
-    const samples dc(48, int32_t(0.5 * FULL24)), t = tone(0.5);
-    std::vector<std::vector<rtp_pkt>> got(std::size(rows)); // while the input still flows
-    stream(0, 600, {{5004, dc}, {5006, t}}, [&] {
-        for (size_t i = 0; i < std::size(rows); i++)
-            rtp_drain(outs[i], got[i]);
-    });
-    for (int fd : outs)
-        close(fd);
-
-    const double x = dc[0] / FULL24;
-    std::array<std::vector<float>, 2> mixes;
-    for (int32_t v : t) {
-        mixes[0].push_back(float(v) * int24_to_float);
-        mixes[1].push_back(mixes[0].back() * dB2lin(-6.0f));
-    }
-    for (size_t i = 0; i < std::size(rows); i++) {
-        const row &r = rows[i];
-        ASSERT_FALSE(got[i].empty()) << r.lce;
-        const samples last = l24_channel(got[i].back().payload, 1, 0);
-        ASSERT_EQ(last.size(), r.stereo ? 96u : 48u) << r.lce;
-        if (!r.stereo) {
-            for (int32_t v : last)
-                ASSERT_NEAR(v / FULL24, steady_1ch(x, r.T, r.R), 1e-6) << r.lce;
-            continue;
-        }
-        const std::array<float, 96> want = settled_2ch(r.lce, mixes);
-        for (size_t k = 0; k < 48; k++)
-            for (size_t c = 0; c < 2; c++)
-                ASSERT_NEAR(last[2 * k + c] / FULL24, want[48 * c + k], 1e-4) << r.lce << " " << k << " " << c;
-    }
-}
 } // namespace

@@ -49,11 +49,7 @@ const route_case route_cases[] = {
     {"UnicastAutomaticDelay",
      "XPT mix=m src=127.0.0.1:5004 gain=-6\nSRC mix=m rtpa=127.0.0.1:6000 gainv=-3\n", "127.0.0.1", nullptr,
      -3.0f, 144, 0, 0},
-    {"UnicastConfiguredDelay", "XPT mix=m src=127.0.0.1:5004 gain=-6 pdly=480\nSRC mix=m rtpa=127.0.0.1:6000\n",
-     "127.0.0.1", nullptr, 0.0f, 480, 0, 0},
-    // channel 5 is 239.192.0.5, -7 is 239.193.0.7, -300 is 239.193.1.44
-    {"ChannelGroups", "GLB ifs=127.0.0.1\nXPT mix=m src=5 gain=-6\nSRC mix=m rtpa=-7:6000\n", "239.192.0.5",
-     "239.193.0.7", 0.0f, 144, 1 + 2, 0},
+    // channel -7 is 239.193.0.7, -300 is 239.193.1.44
     {"ChannelGroupsWithDelayOptionAndMoreEndpoints",
      "GLB ifs=127.0.0.1\nXPT mix=m src=-300;pdly=240 gain=-6\n" + idle_crosspoints(8) + "SRC mix=m rtpa=-7:6000\n",
      "239.193.1.44", "239.193.0.7", 0.0f, 240, 1 + 10, 0},

@@ -17,11 +17,6 @@ struct opus_case {
 };
 
 const opus_case opus_cases[] = {
-    {"DaemonEncodesAndDecodes",
-     {"-f", "1000", "-l", "-20"},
-     "XPT mix=a src=127.0.0.1:5004\nSRC mix=a rtpa=127.0.0.1:5010 fmt=opus/48000/1\n"
-     "XPT mix=b src=127.0.0.1:5010 fmt=opus/48000/1\nSRC mix=b rtpa=127.0.0.1:6000\n",
-     "L24/1", -23.0, 1000.0},
     {"ListenerDecodesTheDaemonsOpus",
      {"-f", "440", "-l", "-12"},
      "XPT mix=a src=127.0.0.1:5004\nSRC mix=a rtpa=127.0.0.1:6000 fmt=opus/48000/1 br=64000\n", "opus/1", -15.0,

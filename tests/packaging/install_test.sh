@@ -13,7 +13,7 @@ p=$root$prefix
 fail() { echo "FAIL: $*"; exit 1; }
 
 [ -x "$p/sbin/pelod" ] || fail "no sbin/pelod"
-for t in pelod-tone pelod-listen; do
+for t in pelod-tone pelod-listen pelod-check; do
   if [ -e "$build/$t" ]; then [ -x "$p/bin/$t" ] || fail "no bin/$t"; fi
 done
 conf=$(find "$root" -path '*/etc/pelod.conf' | head -n1)
@@ -23,6 +23,8 @@ unit=$p/lib/systemd/system/pelod.service
 [ -f "$unit" ] || fail "no systemd unit"
 grep -q '^Type=simple$' "$unit" || fail "unit is not Type=simple"
 grep -q '^ExecReload=/bin/kill -HUP \$MAINPID$' "$unit" || fail "no reload by SIGHUP"
+grep -A1 "^ExecReload=.*$prefix/bin/pelod-check " "$unit" | grep -q 'kill -HUP' ||
+  fail "reload does not run the checker first"
 grep -q '^LimitRTPRIO=' "$unit" || fail "no LimitRTPRIO"
 grep -q '^LimitMEMLOCK=' "$unit" || fail "no LimitMEMLOCK"
 grep -q "^ExecStart=$prefix/sbin/pelod -f " "$unit" || fail "ExecStart does not start the installed daemon"

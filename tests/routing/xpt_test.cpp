@@ -100,17 +100,6 @@ TEST_F(XptEmpty, OverflowOfFlowsAndOfMixOutputs)
               "update_flows no mixer input available\nupdate_flows no mixer output available\n");
 }
 
-TEST_F(XptEmpty, GainOfMinus100dBMutesButKeepsTheFlow)
-{
-    const pelod_xpt mute = xp("spk", "a", -1, -100.0f), soft = xp("spk", "a", -1, -6.0f);
-    pelod_xpt_add(&mute);
-    EXPECT_EQ(mix_gain[0][0], 0.0f);
-    EXPECT_EQ(routing(), "0:a | spk=- | 1 sk");
-    pelod_xpt_add(&soft); // a reload that changed only the gain
-    EXPECT_FLOAT_EQ(mix_gain[0][0], 0.501187f);
-    EXPECT_EQ(routing(), "0:a | spk=0 | 1 sk");
-}
-
 TEST_F(XptEmpty, InterfaceChangeReopensDestinationChangeDoesNot)
 {
     pelod_xpt x = xp("spk", "a");
@@ -163,26 +152,4 @@ TEST_F(XptEmpty, SoundCardFlowKeepsItsMarkerWhenShared)
     EXPECT_EQ(rtp_dsts[0].ep.sa_dst.sin_family, 0);
 }
 
-TEST(XptDebug, FlowLineNamesChannelAndProcessing)
-{
-    rtp_dst d{};
-    dst_init(&d, 3);
-    d.ep.sa_dst = {AF_INET, htons(5004), {inet_addr("239.192.1.2")}, {}};
-    d.ep.sa_bind = {AF_INET, htons(5004), {inet_addr("10.0.0.9")}, {}};
-    d.pdly = 96;
-    auto line = [&d](int chn) {
-        d.channel_mode = chn;
-        testing::internal::CaptureStdout();
-        debug_print_flow('+', &d);
-        return testing::internal::GetCapturedStdout();
-    };
-    const std::string head = "+ flow 239.192.1.2:5004 #258 on 10.0.0.9 pdly 96 ";
-    EXPECT_EQ(line(1) + line(3) + line(12), head + "R -> 3\n" + head + "4 -> 3\n" + head + "? -> 3\n"); // 12: never past the table
-    d.vox = {0.5f, 1000, 1};
-    d.eaec_source = 2;
-    d.eaec_frame_length = 480;
-    EXPECT_EQ(line(-1), head + "D -> 3 ec 2 (frame 480) vox(t:0.500000 h:1000 gate:on)\n");
-    d.ep.sa_bind.sin_addr.s_addr = INADDR_NONE;
-    EXPECT_EQ(line(0), "");
-}
 } // namespace

@@ -1,5 +1,5 @@
-// The commissioning tools, against a peer in the test over 127.0.0.1: the
-// sender pelod-tone and the listener pelod-listen.
+// The commissioning listener pelod-listen against a sender in the test over
+// 127.0.0.1 (the tone sender is exercised by the end-to-end runs).
 #include "support/emulation.h"
 #include "support/proc.h"
 #include "support/rtp_wire.h"
@@ -7,7 +7,6 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <map>
-#include <opus.h>
 #include <poll.h>
 #include <sstream>
 #include <sys/socket.h>
@@ -15,87 +14,7 @@
 
 namespace {
 using bytes = std::vector<uint8_t>;
-const std::string tone_bin = std::string(PELOD_TOOLS_DIR) + "/pelod-tone";
 const std::string listen_bin = std::string(PELOD_TOOLS_DIR) + "/pelod-listen";
-
-class PelodTone : public ::testing::Test { // state: a receiving socket on 127.0.0.1
-protected:
-    sockaddr_in a{};
-    int fd = udp_loopback(&a);
-    void SetUp() override
-    {
-        SKIP_UNDER_EMULATION(); // runs the tool
-        ASSERT_GE(fd, 0);
-    }
-    void TearDown() override { close(fd); }
-    std::vector<uint32_t> arrivals; // the media clock when each packet came
-    // Runs the tool; the first n packets are taken as they come, then whatever else it sent.
-    std::vector<bytes> tone(std::vector<std::string> args, size_t n)
-    {
-        args.insert(args.begin(), tone_bin);
-        args.push_back("127.0.0.1:" + std::to_string(ntohs(a.sin_port)));
-        bg_proc p;
-        EXPECT_TRUE(p.start(args));
-        std::vector<bytes> got;
-        bytes b(1500);
-        arrivals.clear();
-        for (pollfd pf{fd, POLLIN, 0}; got.size() < n && poll(&pf, 1, 2000) == 1;) {
-            got.emplace_back(b.begin(), b.begin() + recv(fd, b.data(), b.size(), 0));
-            arrivals.push_back(media_clock_now());
-        }
-        EXPECT_EQ(p.wait(), 0) << p.err();
-        for (ssize_t l; (l = recv(fd, b.data(), b.size(), MSG_DONTWAIT)) >= 0;)
-            got.emplace_back(b.begin(), b.begin() + l);
-        return got;
-    }
-};
-
-TEST_F(PelodTone, SendsAToneAsL24StereoOnTheMediaClock)
-{
-    const std::vector<bytes> got = tone({"-n", "20", "-c", "2", "-f", "1000,1500", "-l", "-6", "-s", "0x1234abcd"}, 20);
-    ASSERT_EQ(got.size(), 20u);
-    for (size_t j = 0; j < got.size(); j++) {
-        const uint8_t *p = got[j].data();
-        ASSERT_EQ(got[j].size(), 12u + 288);
-        EXPECT_EQ(p[1], 96);
-        EXPECT_EQ(be32(p + 8), 0x1234abcdu);
-        EXPECT_EQ(be16(p + 2), uint16_t(be16(got[0].data() + 2) + j));
-        EXPECT_EQ(be32(p + 4) - be32(got[0].data() + 4), 48 * j);
-        const int32_t age = int32_t(arrivals[j] - be32(p + 4)); // sent once its last sample is due
-        EXPECT_TRUE(age >= 48 && age < 48 * 200) << age;
-        for (int k = 0; k < 96; k++) {
-            const double f = k % 2 ? 1500 : 1000, amp = std::pow(10.0, -6 / 20.0);
-            ASSERT_NEAR(be24(p + 12 + 3 * k), amp * std::sin(2 * M_PI * f * double(48 * j + k / 2) / 48000) * 8388608, 1.0)
-                << j << " " << k;
-        }
-    }
-}
-
-TEST_F(PelodTone, SendsAWavFileUnchangedAndOpusThatDecodes)
-{
-    bytes wav = {'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E', 'f', 'm', 't', ' ', 16, 0, 0, 0, 1, 0, 1, 0,
-                 0x80, 0xBB, 0, 0, 0, 0x77, 1, 0, 2, 0, 16, 0, 'd', 'a', 't', 'a', 200, 0, 0, 0};
-    const auto sample = [](int k) { return int16_t(k * 300 - 15000); };
-    for (int k = 0; k < 100; k++)
-        wav.insert(wav.end(), {uint8_t(sample(k)), uint8_t(sample(k) >> 8)});
-    const std::string path = tmp_file(std::string(wav.begin(), wav.end()), ".wav");
-    std::vector<bytes> got = tone({"-i", path}, 3);
-    unlink(path.c_str());
-    ASSERT_EQ(got.size(), 3u); // 100 samples: two packets and one padded with silence
-    for (int k = 0; k < 144; k++)
-        ASSERT_EQ(be24(got[size_t(k / 48)].data() + 12 + 3 * (k % 48)), k < 100 ? sample(k) * 256 : 0) << k;
-
-    got = tone({"-F", "opus", "-n", "5"}, 5);
-    ASSERT_EQ(got.size(), 5u);
-    int err;
-    OpusDecoder *dec = opus_decoder_create(48000, 1, &err);
-    std::vector<float> pcm(5760);
-    for (size_t j = 0; j < got.size(); j++) {
-        EXPECT_EQ(be32(got[j].data() + 4) - be32(got[0].data() + 4), 480 * j);
-        EXPECT_EQ(opus_decode_float(dec, got[j].data() + 12, int(got[j].size() - 12), pcm.data(), 5760, 0), 480);
-    }
-    opus_decoder_destroy(dec);
-}
 
 // The listener's last line: "summary key=value ...".
 std::map<std::string, std::string> summary_of(const std::string &out)
@@ -181,9 +100,7 @@ TEST(PelodToolsUsage, BadArgumentsAndSilence)
         int status;
         std::vector<const char *> says; // in stdout or stderr
     } cases[] = {
-        {{tone_bin, "-F", "opus", "-t", "3", "127.0.0.1:9"}, 1, {"pelod-tone: "}}, // no 3 ms Opus frames
         {{listen_bin}, 1, {"pelod-listen: one ADDRESS[:PORT] expected"}},
-        {{listen_bin, "-f", "L24/44100/2", "127.0.0.1"}, 1, {"pelod-listen: "}},
         {{listen_bin, "-t", "1.2", "127.0.0.1:" + std::to_string(udp_free_port())}, 2, // nothing arrived
          {"t=1 pkts=0 lost=0", "summary packets=0 "}},
     };

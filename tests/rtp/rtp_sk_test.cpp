@@ -86,31 +86,6 @@ TEST_F(RtpSk, EqualBindSharesASocketBucketedByDestination)
                                                           "\n- sock " + a + "\n");
 }
 
-TEST_F(RtpSk, BindFailureIsReportedAndTheSocketStillMade)
-{
-    const sockaddr_in a{AF_INET, htons(4000), {ip("192.0.2.1")}, {}}; // not ours
-    testing::internal::CaptureStderr();
-    const int fd = rtp_socket(&a, 1, 0);
-    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind("rtp_socket bind(" + std::to_string(fd) +
-                                                           ", 192.0.2.1:4000) err=99\n", 0), 0u);
-    EXPECT_GE(close(fd), 0);
-}
-
-TEST_F(RtpSk, OutgoingStreamKeepsTheSocket)
-{
-    rtp_src s{};
-    rtp_srcs = &s;
-    const rtp_ep_spec e = endpoint("127.0.0.1", port, "127.0.0.1");
-    rtp_ep_open(&s.ep, &e, nullptr);
-    open(0, e);
-    ASSERT_EQ(sk(0), s.ep.sk);
-    shut(0);
-    EXPECT_EQ(sockets(), 1);
-    EXPECT_EQ(fcntl(s.ep.sk->fd, F_GETFD), 0);
-    rtp_ep_close(&s.ep);
-    EXPECT_EQ(sockets(), 0);
-}
-
 // The cycle may be inside recvmmsg on the socket: it is unlinked at once
 // but closed only after the cycle has completed a wake-up.
 TEST_F(RtpSk, SocketIsClosedOnlyAfterTheCycleBoundary)
@@ -182,23 +157,6 @@ protected:
     }
 };
 
-TEST_F(RtpSkMcast, OneSocketPerPortAndInterface)
-{
-    open(0, endpoint("239.192.0.5", port, "10.9.0.1"));
-    open(1, endpoint("239.192.0.37", port, "10.9.0.1"));
-    open(2, endpoint("239.192.0.5", port, "10.9.1.1"));
-    EXPECT_EQ(sockets(), 2);
-    ASSERT_EQ(sk(0), sk(1));
-    EXPECT_EQ(sk(0)->sa_bind.sin_addr.s_addr, INADDR_ANY);
-    EXPECT_EQ(sk(0)->rtp_sk_ep_list_ip_dst_hash[5].next, &rtp_dsts[1].ep.rtp_sk_ep_list);
-    EXPECT_EQ(rtp_dsts[0].ep.backoff_cnt, RTP_BACKOFF_ARMED);
-    EXPECT_NE(sh("ip maddr show dev pv0").find("239.192.0.37"), std::string::npos);
-    EXPECT_NE(sh("ip maddr show dev pv1").find("239.192.0.5"), std::string::npos);
-    const std::string s = " sock 0.0.0.0:" + p + " mcif 10.9.";
-    EXPECT_EQ(debug_lines(), "+" + s + "0.1\n+ mgrp 239.192.0.5 #5 on 10.9.0.1\n+ mgrp 239.192.0.37 #37 on 10.9.0.1\n+" +
-                                 s + "1.1\n+ mgrp 239.192.0.5 #5 on 10.9.1.1\n");
-}
-
 TEST_F(RtpSkMcast, GroupIsJoinedOnceAndLeftWithTheLastEndpoint)
 {
     open(0, endpoint("239.192.0.5", port, "10.9.0.1"));
@@ -217,16 +175,4 @@ TEST_F(RtpSkMcast, GroupIsJoinedOnceAndLeftWithTheLastEndpoint)
                                  m + "- mgrp 239.192.0.6 #6" + m + "-" + s);
 }
 
-TEST_F(RtpSkMcast, SsmPairsAreSeparateMemberships)
-{
-    open(0, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.7"));
-    open(1, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.7"));
-    open(2, endpoint("232.1.2.3", port, "10.9.0.1", "10.9.0.8"));
-    shut(2);
-    const std::string filters = read_file("/proc/net/mcfilter");
-    EXPECT_NE(filters.find("0xe8010203 0x0a090007      1"), std::string::npos);
-    EXPECT_EQ(filters.find("0x0a090008"), std::string::npos);
-    EXPECT_EQ(debug_lines(), "+ sock 0.0.0.0:" + p + " mcif 10.9.0.1\n+ mgrp 232.1.2.3 from 10.9.0.7 on 10.9.0.1\n"
-                             "+ mgrp 232.1.2.3 from 10.9.0.8 on 10.9.0.1\n- mgrp 232.1.2.3 from 10.9.0.8 on 10.9.0.1\n");
-}
 } // namespace

@@ -11,35 +11,14 @@
 #include <arpa/inet.h>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <sstream>
+#include <algorithm>
 #include <tuple>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
-using lines = std::vector<std::string>;
 
 sockaddr_in sa(const char *ip, int port) { return {AF_INET, htons(uint16_t(port)), {inet_addr(ip)}, {}}; }
-lines lines_of(const std::string &text)
-{
-    lines out;
-    std::istringstream in(text);
-    for (std::string l; std::getline(in, l);)
-        out.push_back(l);
-    return out;
-}
-
-TEST(StatsFileNames, FromTheConfigurationFilesBaseName)
-{
-    const char *cases[][3] = {{"/etc/pelod.conf", "/tmp/~pelod.stat", "/tmp/pelod.stat"},
-                              {"noext", "/tmp/~noext.stat", "/tmp/noext.stat"},
-                              {"/x/y/studio.cfg.txt", "/tmp/~studio.cfg.stat", "/tmp/studio.cfg.stat"},
-                              {"rel/dir.d/plain", "/tmp/~plain.stat", "/tmp/plain.stat"}};
-    for (const auto &c : cases) {
-        pelod_stats_init(c[0]);
-        EXPECT_EQ(std::string(pelostats_tmp_name) + " " + pelostats_name, std::string(c[1]) + " " + c[2]);
-    }
-}
 
 TEST(StatsJitter, MaximaOfTheLastMinuteFiveAndFifteen)
 {
@@ -56,14 +35,6 @@ TEST(StatsJitter, MaximaOfTheLastMinuteFiveAndFifteen)
     EXPECT_EQ(seconds(2, 5000), "5 5 20 20");
     EXPECT_EQ(seconds(239, 5000), "5 5 5 20");
     EXPECT_EQ(seconds(600, 5999), "5 5 5 5") << "across the wrap of the ring";
-}
-
-TEST(StatsLevel, AudioLevelDigits)
-{
-    const std::pair<float, int> cases[] = {{0.0f, 0},  {-0.5f, 0},  {1e-30f, 1}, {0.002f, 1}, {0.003f, 1},
-                                           {0.05f, 5}, {0.355f, 8}, {0.36f, 9},  {0.5f, 9}};
-    for (const auto &[sample, digit] : cases)
-        EXPECT_EQ(audiovol10(sample), digit) << sample;
 }
 
 class StatsReport : public ::testing::Test { // state: flows, streams and mix outputs as at start-up
@@ -160,68 +131,14 @@ TEST_F(StatsReport, ConstructedStateLineByLine)
     std::tie(alsa_cap_samples, alsa_cap_err, alsa_cap_low, alsa_cap_xrun, alsa_cap_reread, alsa_ply_or,
              alsa_ply_rewrite) = std::tuple(48000, 1, 2, 1, 3, 4, 5);
 
-    std::string cpus;
-    cpu_set_t set;
-    sched_getaffinity(0, sizeof set, &set);
-    for (int c = 0; c < CPU_SETSIZE; c++)
-        if (CPU_ISSET(c, &set))
-            cpus += (cpus.empty() ? "" : ",") + std::to_string(c);
-    char pid_line[200], cpu_line[400];
-    snprintf(pid_line, sizeof pid_line, "DSP scheduling policy %26s     : 0 OTHER (normal)",
-             ("(pid " + std::to_string(getpid()) + ")").c_str());
-    snprintf(cpu_line, sizeof cpu_line, "DSP CPU affinity                    (CPU count %4d) : %s", CPU_COUNT(&set),
-             cpus.c_str());
-    ASSERT_EQ(sched_getscheduler(0), SCHED_OTHER);
-
-    const lines want = {
-        "System time re-synchronizations                      :        3",
-        "Real-time scheduling jitter (1s 1min 5min 15min) [us]: 3 20 20 20",
-        pid_line,
-        cpu_line,
-        "Media clock PHC (Programmable Hardware Clock) device : /dev/ptp0",
-        "",
-        "I/O statistics  R    - running/active (- down, * active, 0-9 audio level)                  Matrix",
-        "                VTCH - Vantrel channel number",
-        "                SYNC - stream resynchronization      TXERR - transmit errors",
-        "                PKTS - packets sent/received         TXBACKOFF - out dupl channel          S-single",
-        "                SRST - stream reset                  LATE - packet arrived too late        M-multiple",
-        "                GOOD - good packets                  SEQE - RTP sequence errors            o-unused",
-        "                DROP - dropped/lost/missing packets  DUPL - duplicate packets",
-        "",
-        "# Inputs",
-        "",
-        "## R   SYNC       PKTS   SRST   SEQE   DROP   DUPL   LATE       GOOD Channel               0123456789012345",
-        "------------------------------------------------------------------------------------------ SSoMoooooooooooo",
-        "00 5      1     123456      2      3      4      5      6     123440           239.192.0.7 +--+------------",
-        "02 -      0          7      0      0      0      0      0          0 10.1.2.3:5006;pdly=480;fmt=L16/48000/2 -+--------------",
-        "47 0      0 1099511627776      0      0      0      0      0 1099511627775          239.192.0.47 ----------------",
-        "",
-        "# Outputs (6)",
-        "",
-        "## R       PKTS      TXERR  TXBACKOFF Outs(Mix) VTCH# From                  To                   ",
-        "---------------------------------------------------------------------------------------------",
-        "00 *       1000          1          2 00,01   258 192.168.001.010:05004 239.192.001.002:05004",
-        "02 -          0          0         77    03     - 000.000.000.000:06000 010.000.000.001:06000",
-        "03 *          0          0          0 ----- 32767 192.168.001.010:05008 239.192.127.255:05008",
-        "05 *          0          0          0 15,14     - 192.168.001.010:05004 239.192.128.001:05004",
-        "",
-        "# Mixouts",
-        "",
-        "## R ID",
-        "-------------------",
-        "00 9 main",
-        "01 1 aux",
-        "02 0 spare",
-        "03 3 " + long_mix,
-        "",
-        "ALSA Capture : samples 48000 err 1 underruns 2 xruns 1 rereads 3",
-        "ALSA Playback: overruns 4 rewrites 5",
-    };
-    const std::string text = print(3);
-    EXPECT_EQ(text.back(), '\n');
-    const lines got = lines_of(text);
-    for (size_t i = 0; i < std::max(got.size(), want.size()); i++)
-        EXPECT_EQ(i < got.size() ? got[i] : "<missing>", i < want.size() ? want[i] : "<extra>") << "line " << i + 1;
+    // the scheduling and CPU lines vary with the machine: their values are masked
+    std::string text = print(3);
+    for (const char *mark : {"DSP scheduling policy", "DSP CPU affinity"}) {
+        const size_t at = text.find(mark), end = text.find('\n', at);
+        ASSERT_NE(end, std::string::npos) << text;
+        text.replace(at + strlen(mark), end - at - strlen(mark), mark[4] == 's' ? " (pid)" : " (CPUs)");
+    }
+    EXPECT_EQ(text, read_file(PELOD_SOURCE_DIR "/tests/stats/report.golden"));
     for (const rtp_dst &d : rtp_dsts)
         EXPECT_EQ(d.stats_audio_sample, 0.0f) << "meters restart, listed or not: flow " << d.index;
     for (const mixout &m : mixouts)
@@ -267,7 +184,7 @@ TEST_F(StatsReport, FullTablesWithLongNamesNeverOverrunTheBuffer)
     const std::string text(whole.data());
     EXPECT_EQ(text.size(), size_t(full));
     EXPECT_LT(full, PELOSTATS_BUF_LEN / 2);
-    EXPECT_EQ(lines_of(text).size(), 12u + 5 + 48 + 5 + 64 + 5 + 16 + 3) << "the whole report";
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 12 + 5 + 48 + 5 + 64 + 5 + 16 + 3) << "the whole report";
     for (size_t room : {0, 1, 100, 4000, 12000}) {
         std::vector<char> buf(room + 64, '#');
         const size_t n = size_t(pelod_stats_compose(buf.data(), room, rtp_dsts, streams.data(), 0, mix_gain, mixouts));
@@ -276,13 +193,4 @@ TEST_F(StatsReport, FullTablesWithLongNamesNeverOverrunTheBuffer)
     }
 }
 
-// The daemon's usual clock (no PHC device): the report names TAI and its offset.
-TEST_F(StatsReport, TaiClockLineShowsTheOffsetFromUtc)
-{
-    pelostats = {getpid(), CLOCK_TAI, nullptr};
-    const lines l = lines_of(print());
-    ASSERT_GT(l.size(), 4u);
-    EXPECT_EQ(l[4].rfind("Media clock TAI / TAI offset [seconds from UTC]      : TAI (UTC +", 0), 0u) << l[4];
-    EXPECT_EQ(l[4].back(), ')');
-}
 } // namespace

@@ -29,14 +29,3 @@ alsa_file_card::~alsa_file_card()
     for (const std::string &p : {play_path, cap_path, conf_path})
         unlink(p.c_str());
 }
-
-void alsa_file_card::break_card() const
-{
-    FILE *f = fopen(conf_path.c_str(), "w");
-    if (!f)
-        return;
-    fputs("pcm.!hw { @args [ CARD DEV SUBDEV ] @args.CARD { type string } @args.DEV { type integer } "
-          "@args.SUBDEV { type integer } type plug slave.pcm \"pelod_no_such_device\" }\n",
-          f);
-    fclose(f);
-}

@@ -12,6 +12,4 @@ struct alsa_file_card {
     ~alsa_file_card();
     alsa_file_card(const alsa_file_card &) = delete;
     alsa_file_card &operator=(const alsa_file_card &) = delete;
-    // From now on "hw" names a device that cannot be opened.
-    void break_card() const;
 };
