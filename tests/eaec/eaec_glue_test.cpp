@@ -17,8 +17,7 @@ class EaecGlue : public ::testing::Test {
 protected:
     void SetUp() override { reset_cycle_tables(); }
     void TearDown() override { std::for_each(rtp_dsts, rtp_dsts + 48, [](rtp_dst &x) { dst_eaec_setup(&x, -1); }); }
-    // One block as the cycle presents it (silent reference, the flow's
-    // samples in the ring), the canceller's step, and what it left.
+    // One block as the cycle runs it (silent reference); what it left.
     void block(uint32_t ts, const float *in, float *out)
     {
         for (int k = 0; k < MIX_BLOCK; k++)
@@ -39,7 +38,8 @@ TEST_F(EaecGlue, FlowComesBackExactlyOneFrameLate)
     dst_eaec_setup(&rtp_dsts[FLOW + 1], REF);
     EXPECT_EQ(d.eaec_frame_length, 480);
     std::vector<float> in(400 * MIX_BLOCK), out(in.size());
-    for (size_t i = 0, r = 1; i < in.size(); i++)
+    uint64_t r = 1;
+    for (size_t i = 0; i < in.size(); i++)
         r = r * 6364136223846793005u + 1442695040888963407u, in[i] = float(int64_t(r) >> 32) * ((i / 4800) % 2 ? 1e-10f : 1e-12f);
     alloc_count_start();
     for (size_t b = 0; b < 400; b++)
