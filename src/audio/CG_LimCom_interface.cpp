@@ -3,8 +3,6 @@
 #include "daemon/grace.h"
 #include "daemon/mix.h"
 #include "daemon/shared.h"
-#include "routing/xpt.h"
-#include "rtp/rtp_src.h"
 
 #include <cmath>
 #include <cstddef>
@@ -102,6 +100,7 @@ static float finite_or_zero(float v) noexcept
 
 void cg_limcom_run(uint32_t rtp_ts) noexcept
 {
+    rt_context_check("cg_limcom_run");
     for (int i = 0; i < RTP_DST_MAX; i++) {
         LimCom_Instance *l = &rtp_dsts[i].limcom;
         if (!limcom_active(l))

@@ -1,31 +1,40 @@
 #include "routing/xpt.h"
 
+#include "audio/CG_LimCom_interface.h"
 #include "audio/eaec_glue.h"
-#include "config/pelocfg.h"
 #include "daemon/grace.h"
+#include "daemon/mix.h"
 #include "daemon/pelod.h"
 #include "daemon/shared.h"
-#include "rtp/rtp_src.h"
+#include "eaec/eaec.h"
+#include "rtp/rtp_sk.h"
 
 #include <arpa/inet.h>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <opus.h>
 #include <type_traits>
 
-static_assert(std::is_standard_layout_v<rtp_dst> && std::is_trivially_copyable_v<rtp_dst>);
-
-rtp_dst rtp_dsts[RTP_DST_MAX];
-
 #define IP4(a) (reinterpret_cast<const uint8_t *>(&(a))[0]), (reinterpret_cast<const uint8_t *>(&(a))[1]), \
                (reinterpret_cast<const uint8_t *>(&(a))[2]), (reinterpret_cast<const uint8_t *>(&(a))[3])
 
 void dst_init(rtp_dst *dst, int ch)
 {
-    memset(dst, 0, sizeof *dst);
-    dst->eaec_source = -1;
-    dst->index = ch;
+    // The cycle may look at a free flow at any time: its canceller
+    // reference and its column never pass through 0 (flow 0's column) while
+    // the rest of the record is cleared around them.
+    static_assert(offsetof(rtp_dst, index) < offsetof(rtp_dst, eaec_source));
+    publish(dst->eaec_source, -1);
+    auto *const b = reinterpret_cast<unsigned char *>(dst);
+    const size_t index_end = offsetof(rtp_dst, index) + sizeof dst->index;
+    const size_t ec_end = offsetof(rtp_dst, eaec_source) + sizeof dst->eaec_source;
+    memset(b, 0, offsetof(rtp_dst, index));
+    memset(b + index_end, 0, offsetof(rtp_dst, eaec_source) - index_end);
+    memset(b + ec_end, 0, sizeof *dst - ec_end);
+    publish(dst->index, ch);
+    dst->eaec_ref = -1;
     dst->pAudioptr = mix_inp + ch;
     dlist_init(&dst->ep.rtp_sk_ep_list);
 }
@@ -40,21 +49,6 @@ int dst_in_use(const rtp_dst *dst)
 }
 
 int dst_imix_inp(const rtp_dst *dst) { return dst->index; }
-
-int mix_ref(const char *id)
-{
-    for (int i = 0; i < MIX_OUT_MAX; i++)
-        if (strcmp(mixouts[i].id, id) == 0)
-            return i;
-    for (int i = 0; i < MIX_OUT_MAX; i++)
-        if (mixouts[i].id[0] == '\0') {
-            snprintf(mixouts[i].id, sizeof mixouts[i].id, "%s", id);
-            if (debug)
-                printf("+ mix  %s\n", id);
-            return i;
-        }
-    return -1;
-}
 
 template <class T> static bool same_bits(const T &a, const T &b) { return memcmp(&a, &b, sizeof a) == 0; }
 
@@ -80,7 +74,7 @@ int match_xpt_dst(const pelod_xpt *x, const rtp_dst *dst)
         dst->pdly != uint32_t(x->pdly))
         return 0;
     const int ec = x->eaec_mix[0] ? mix_ref(x->eaec_mix) : -1;
-    return dst->eaec_source == ec;
+    return dst->eaec_ref == ec; // what was asked for, even when the set-up failed
 }
 
 static rtp_dst *xpt_flow(const pelod_xpt *x)
@@ -113,6 +107,8 @@ void dst_flow_start(rtp_dst *dst, const pelod_xpt *x)
     dst->channel_mode = x->chn;
     dst->fmt = x->fmt;
     dst->pdly = uint32_t(x->pdly);
+    const int ec = x->eaec_mix[0] ? mix_ref(x->eaec_mix) : -1;
+    dst->eaec_ref = ec;
 
     if (strncmp(x->src, "alsa:", 5) == 0) {
         dst->ep.sa_dst.sin_port = htons(uint16_t(strtol(x->src + 5, nullptr, 0)));
@@ -121,7 +117,6 @@ void dst_flow_start(rtp_dst *dst, const pelod_xpt *x)
         return;
     }
 
-    const int ec = x->eaec_mix[0] ? mix_ref(x->eaec_mix) : -1;
     if (ec >= 0)
         dst_eaec_setup(dst, ec);
     else
@@ -228,30 +223,6 @@ int pelod_xpt_del(const pelod_xpt *x)
         dst_flow_stop(dst);
     mixs_prune();
     return 0;
-}
-
-static bool mix_used_by_stream(int j)
-{
-    for (const rtp_src *s = rtp_srcs; s; s = s->next)
-        if ((s->nchn > 0 && s->mix[0] == j) || (s->nchn != 1 && s->mix[1] == j))
-            return true;
-    return false;
-}
-
-void mixs_prune()
-{
-    for (int j = 0; j < MIX_OUT_MAX; j++) {
-        if (mixouts[j].id[0] == '\0')
-            continue;
-        bool gain = false;
-        for (float g : mix_gain[j])
-            gain = gain || g != 0.0f;
-        if (gain || mix_used_by_stream(j))
-            continue;
-        if (debug)
-            printf("- mix  %s\n", mixouts[j].id);
-        mixouts[j].id[0] = '\0';
-    }
 }
 
 // Channel letter: set[i], or '?' for a chn the set does not hold.

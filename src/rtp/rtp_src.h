@@ -2,47 +2,21 @@
 // Opus), rebuilt by difference from the configured sources on every load.
 #pragma once
 #include "audio/CG_LimCom_interface.h"
+#include "daemon/records.h"
 #include "rtp/rtp_recv.h"
 #include "rtp/rtp_sk.h"
 
 #include <cstdint>
 
-struct OpusEncoder;
-struct src;
-
-inline constexpr int RTP_SRC_PACKET_MAX = 1500; // bytes of the packet buffer
 inline constexpr int RTP_SRC_FILL_LIMIT = 1452; // a packet this full is finished
 inline constexpr int RTP_SRC_OPUS_FRAME = 480;  // samples per Opus frame (10 ms)
 inline constexpr int RTP_SRC_OPUS_MAX_BYTES = 1440;
 inline constexpr uint8_t RTP_PT_UNSET = 255;    // configured "pt" absent
 inline constexpr uint8_t RTP_PT_MONO = 101;     // default for one channel
 inline constexpr uint8_t RTP_PT_MULTI = 96;     // default otherwise
+inline constexpr char RTP_SRC_MIX_SEP[] = ":,; "; // between the names of a mix list
 inline constexpr float RTP_SRC_MONO_PAIR = 0.707946f; // -3 dB: mono on two channels
 
-struct rtp_src {
-    rtp_src *next;
-    char in_mix[130];      // configured mix list
-    int mix[2];            // mix output of channel 0 and 1
-    rtp_ep ep;             // dst is null
-    uint8_t rtp_pt;        // 255: 101 mono, 96 otherwise
-    uint16_t rtp_seq;      // of the next packet
-    int rtp_ptime_samples;
-    int64_t tx_backoff;    // finished packets held back by the back-off
-    int nchn;              // 1, 2 or 3 (third channel: silence in PCM, absent in Opus)
-    float gainv[2];        // linear
-    rtp_fmt fmt;           // payload_format 1: Opus, anything else: L24
-    uint8_t packet[RTP_SRC_PACKET_MAX];
-    uint8_t *packet_data;  // write position; null: no packet open
-    int packet_nsamples;   // sample frames in the open packet
-    LimCom_Instance limcom;
-    OpusEncoder *opus_enc; // null unless Opus
-    float opus_inbuf[960]; // interleaved, one 10 ms frame of at most 2 channels
-    int opus_inbuf_avail;  // floats in opus_inbuf
-    int bitrate;           // 0: encoder default
-    int cbr;
-};
-
-extern rtp_src *rtp_srcs;        // list head; new streams at the tail
 extern uint32_t opus_enc_rtp_ts; // cycle that last began an Opus frame
 
 // [sup] Brings rtp_srcs in line with srcs[0..srcs_used-1]: keeps streams
@@ -73,5 +47,18 @@ void rtp_src_destroy(rtp_src *s);
 // back. Never allocates or blocks (sends are non-blocking; a failed or short
 // send counts ep.tx_err).
 void rtp_send(rtp_src *s, uint32_t rtp_ts) noexcept;
+// [sup] Channels a mix list gives: 1 for one name, 2 for two, 3 when a
+// separator follows the second name.
+int rtp_src_mix_channels(const char *mix_list);
+// [rt] Payload type sent: the configured one, else 101 for one channel
+// and 96 otherwise.
+uint8_t rtp_src_pt(uint8_t configured, int nchn) noexcept;
+// [rt] Whether an open packet of nsamples frames and `bytes` bytes
+// (header included) is finished: it holds the packet time, reached the
+// fill limit, or the next PCM block would not fit.
+bool rtp_src_packet_done(int payload_format, int nchn, int ptime_samples, int nsamples, int bytes) noexcept;
+// [sup] Sample frames in every packet such a stream sends (Opus: frames
+// assumed opus_frame_bytes long).
+int rtp_src_packet_samples(int payload_format, int nchn, int ptime_samples, int opus_frame_bytes);
 // [sup] Debug line of a stream ("+"/"-" mark); p may be null.
 void debug_print_src(int change_mark, const rtp_src *s, const src *p);
