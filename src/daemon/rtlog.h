@@ -1,6 +1,6 @@
-// Error reports from the real-time cycle. The cycle shares the supervisor's
-// stdio locks (same thread-local storage), so it never calls perror or
-// printf: a report is one write(2) of perror's text.
+// Error reports from the real-time cycle. The cycle must never wait for a
+// stdio lock the supervisor holds, so it never calls perror or printf: a
+// report is one write(2) of perror's text.
 #pragma once
 
 // [rt] "<what>: <system error text>\n" on standard error, at most once per
