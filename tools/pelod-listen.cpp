@@ -3,7 +3,12 @@
 // packets, sequence gaps, the level of each channel and how far the stream's
 // RTP timestamps lie behind the media clock. Optionally writes the audio to
 // a WAV file. Ends after a duration or a packet count, or on Ctrl-C, with a
-// one-line summary that scripts and tests read.
+// one-line summary that scripts and tests read. As a jitter probe, it also
+// runs every datagram through the daemon's own receive path and says which
+// playout delay (pdly) would have placed them all in time.
+#include "daemon/mix.h"
+#include "daemon/pelod.h"
+#include "routing/xpt.h"
 #include "rtp/rtp_recv.h"
 
 #include <arpa/inet.h>
@@ -22,7 +27,9 @@
 #include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <algorithm>
 #include <unistd.h>
+#include <memory>
 #include <vector>
 
 namespace {
@@ -46,6 +53,7 @@ struct options {
     long count = 0;
     bool quiet = false;
     bool per_packet = false;
+    bool probe = false;
 };
 
 void usage(const char *prog)
@@ -76,6 +84,10 @@ void usage(const char *prog)
            "  -n, --count=N        stop after N packets of the stream\n"
            "  -q, --quiet          no per-second lines, only the summary\n"
            "  -v, --packets        one line per packet\n"
+           "  -j, --jitter         jitter probe: at exit, the spread of arrivals against\n"
+           "                       the RTP timestamps and the smallest pdly (samples) that\n"
+           "                       would have placed 100 %% and 99.9 %% of the datagrams in\n"
+           "                       time in the daemon (use with -t, e.g. -t 30)\n"
            "  -h, --help           this text\n"
            "\n"
            "The first SSRC heard is the stream; packets of other SSRCs (and, with -s\n"
@@ -91,6 +103,11 @@ void usage(const char *prog)
            "  packets lost gaps late foreign bad ssrc pt format channels ptime\n"
            "  first_seq first_ts from peak_dbfs rms_dbfs delay_ms_min delay_ms_avg\n"
            "  delay_ms_max wav_frames\n"
+           "With -j, before it, one line beginning with \"jitter\":\n"
+           "  datagrams spread_ms p99_ms p999_ms relocks pdly_auto late_auto pdly_100\n"
+           "  pdly_999 suggest (spread: largest minus smallest arrival-minus-timestamp;\n"
+           "  late_auto: datagrams the automatic delay would have counted LATE; suggest:\n"
+           "  pdly_100 rounded up to whole milliseconds plus one)\n"
            "\n"
            "Exit status: 0 when the stream was received, 2 when nothing arrived,\n"
            "1 on a usage or set-up error.\n",
@@ -159,10 +176,11 @@ int parse_options(int argc, char **argv, options *o)
         {"interface", required_argument, nullptr, 'i'}, {"phc-dev", required_argument, nullptr, 'p'},
         {"wav", required_argument, nullptr, 'w'}, {"duration", required_argument, nullptr, 't'},
         {"count", required_argument, nullptr, 'n'}, {"quiet", no_argument, nullptr, 'q'},
-        {"packets", no_argument, nullptr, 'v'}, {"help", no_argument, nullptr, 'h'},
+        {"packets", no_argument, nullptr, 'v'}, {"jitter", no_argument, nullptr, 'j'},
+        {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
-    for (int c; (c = getopt_long(argc, argv, "f:s:i:p:w:t:n:qvh", longopts, nullptr)) != -1;) {
+    for (int c; (c = getopt_long(argc, argv, "f:s:i:p:w:t:n:qvjh", longopts, nullptr)) != -1;) {
         bool ok = true;
         switch (c) {
         case 'f': ok = parse_format(optarg, o); break;
@@ -174,6 +192,7 @@ int parse_options(int argc, char **argv, options *o)
         case 'n': o->count = atol(optarg); ok = o->count > 0; break;
         case 'q': o->quiet = true; break;
         case 'v': o->per_packet = true; break;
+        case 'j': o->probe = true; break;
         case 'h': usage(argv[0]); return 0;
         default: ok = false; break;
         }
@@ -343,6 +362,66 @@ void wav_write(wav_out &w, const int32_t *x, long frames)
     w.frames += frames;
 }
 
+// The jitter probe: a flow of the daemon's receive path that writes no
+// samples, fed with each datagram at the media time of the block in which
+// the daemon's receive step would take it in. After each placed datagram,
+// the timing lock tells the least pdly that would not have made it late:
+// pos = ts - synt + pdly must not lie before the local clock.
+struct jitter_probe {
+    std::vector<int32_t> need;    // samples, per placed datagram
+    std::vector<int32_t> arrival; // media clock minus RTP timestamp, samples
+    int32_t step = 0;
+
+    jitter_probe()
+    {
+        mix_inp_init();
+        rtp_dst &d = rtp_dsts[0];
+        d = rtp_dst{};
+        d.ep.dst = &d;
+        d.fmt.payload_format = RTP_FMT_PCM; // Opus too: only the timing matters here
+        d.channel_mode = MIX_INP_MAX;       // a channel no stream has: nothing is written
+        d.pdly = 1;
+        pdly_samples_min = (opt_sysjitter_ns / 1000000) * MIX_BLOCK; // as the daemon with its default jitter
+    }
+    void packet(const uint8_t *b, int n, uint32_t now)
+    {
+        rtp_dst &d = rtp_dsts[0];
+        const uint32_t local = now - now % MIX_BLOCK;
+        d.vox_sample = NAN; // the level tap overwrites it only for a placed datagram
+        rtp_ep_recv_packet(&d.ep, b, n, local);
+        if (!std::isnan(d.vox_sample) && n >= RTP_HDR_LEN) {
+            const uint32_t ts = uint32_t(b[4]) << 24 | uint32_t(b[5]) << 16 | uint32_t(b[6]) << 8 | b[7];
+            need.push_back(int32_t(local - (ts - d.ep.synt)));
+            arrival.push_back(int32_t(now - ts));
+            step = d.ep.ptime_samples;
+        }
+    }
+    static double ms(double samples) { return samples / (RATE / 1000.0); }
+    void report() const
+    {
+        if (need.empty()) {
+            printf("jitter datagrams=0\n");
+            return;
+        }
+        std::vector<int32_t> a = arrival, nd = need;
+        std::sort(a.begin(), a.end());
+        std::sort(nd.begin(), nd.end());
+        const auto at = [](const std::vector<int32_t> &v, double q) {
+            return v[std::min(v.size() - 1, size_t(std::ceil(q * double(v.size()))) - (q > 0 ? 1 : 0))];
+        };
+        const int32_t auto_pdly = std::max(pdly_auto(step), int(pdly_samples_min));
+        const long late_auto = std::count_if(need.begin(), need.end(), [&](int32_t x) { return x > auto_pdly; });
+        const int32_t all = std::max(nd.back(), 1), most = std::max(at(nd, 0.999), 1);
+        const int32_t suggest = (all + MIX_BLOCK - 1) / MIX_BLOCK * MIX_BLOCK + MIX_BLOCK;
+        printf("jitter datagrams=%zu spread_ms=%.2f p99_ms=%.2f p999_ms=%.2f relocks=%lld pdly_auto=%d "
+               "late_auto=%ld pdly_100=%d pdly_999=%d suggest=%d\n",
+               need.size(), ms(a.back() - a.front()), ms(at(a, 0.99) - a.front()), ms(at(a, 0.999) - a.front()),
+               static_cast<long long>(rtp_dsts[0].ep.rx_reset), auto_pdly, late_auto, all, most, suggest);
+        fprintf(stderr, "pelod-listen: for this stream: XPT ... pdly=%d (%.1f ms; 99.9 %% of datagrams: pdly=%d)\n",
+                suggest, ms(suggest), most);
+    }
+};
+
 volatile sig_atomic_t stop_flag;
 void on_stop(int) { stop_flag = 1; }
 
@@ -366,6 +445,7 @@ struct listener {
     wav_out wav;
     std::vector<float> pcm = std::vector<float>(5760 * MAX_CH);  // levels: full scale 1.0
     std::vector<int32_t> raw = std::vector<int32_t>(5760 * MAX_CH); // WAV: 24-bit for L24, else 16-bit
+    jitter_probe *probe = nullptr;
 
     codec kind_of(const rtp_view &v) const
     {
@@ -488,6 +568,8 @@ struct listener {
         }
         sec.packets++, all.packets++;
         pt = v.pt;
+        if (probe)
+            probe->packet(b, n, now_samples);
         const double delay_ms = double(int32_t(now_samples - v.ts)) / (RATE / 1000.0);
         sec.add_delay(delay_ms);
         all.add_delay(delay_ms);
@@ -636,7 +718,11 @@ int main(int argc, char **argv)
     char ip[INET_ADDRSTRLEN];
     inet_ntop(AF_INET, &l.o.addr, ip, sizeof ip);
     fprintf(stderr, "pelod-listen: listening on %s:%u, clock %s\n", ip, unsigned(l.o.port), l.o.phc ? l.o.phc : "TAI");
+    std::unique_ptr<jitter_probe> probe(l.o.probe ? new jitter_probe : nullptr);
+    l.probe = probe.get();
     const int r = run(l, fd);
+    if (probe)
+        probe->report();
     l.summary();
     if (l.wav.f) {
         if (l.wav.channels == 0) { // nothing arrived: an empty but valid file

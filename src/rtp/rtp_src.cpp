@@ -124,6 +124,18 @@ static int remove_stale_sources(src_graveyard *g)
     return removed;
 }
 
+int rtp_src_mix_channels(const char *mix_list)
+{
+    const char *t = mix_list;
+    for (int k = 0; k < 2; k++) {
+        const size_t n = strcspn(t, RTP_SRC_MIX_SEP);
+        if (t[n] == '\0')
+            return k + 1;
+        t += n + 1;
+    }
+    return 3;
+}
+
 // Mix list rule: one name gives one channel, two names two, and a
 // separator after the second name three. -1 when a name gets no output.
 static int resolve_mix_list(rtp_src *s, const src *p)
@@ -131,7 +143,7 @@ static int resolve_mix_list(rtp_src *s, const src *p)
     const char *t = s->in_mix;
     for (int k = 0; k < 2; k++) {
         char name[sizeof s->in_mix];
-        const size_t n = strcspn(t, ":,; ");
+        const size_t n = strcspn(t, RTP_SRC_MIX_SEP);
         memcpy(name, t, n);
         name[n] = '\0';
         s->mix[k] = n == 0 ? -1 : mix_ref(name);
@@ -230,18 +242,18 @@ static void put_be32(uint8_t *b, uint32_t v) noexcept
     b[3] = uint8_t(v);
 }
 
-static uint8_t payload_type(const rtp_src *s) noexcept
+uint8_t rtp_src_pt(uint8_t configured, int nchn) noexcept
 {
-    if (s->rtp_pt != RTP_PT_UNSET)
-        return s->rtp_pt;
-    return s->nchn == 1 ? RTP_PT_MONO : RTP_PT_MULTI;
+    if (configured != RTP_PT_UNSET)
+        return configured;
+    return nchn == 1 ? RTP_PT_MONO : RTP_PT_MULTI;
 }
 
 static void open_packet(rtp_src *s, uint32_t rtp_ts) noexcept
 {
     uint8_t *h = s->packet;
     h[0] = 0x80;
-    h[1] = payload_type(s);
+    h[1] = rtp_src_pt(s->rtp_pt, s->nchn);
     put_be16(h + 2, s->rtp_seq);
     put_be32(h + 4, rtp_ts);
     put_be32(h + 8, pelod_ssrc);
@@ -333,15 +345,24 @@ static void append_opus(rtp_src *s, uint32_t rtp_ts) noexcept
     s->opus_inbuf_avail = 0;
 }
 
-static bool packet_open_for_more(const rtp_src *s) noexcept
+bool rtp_src_packet_done(int payload_format, int nchn, int ptime_samples, int nsamples, int bytes) noexcept
 {
-    if (s->packet_nsamples >= s->rtp_ptime_samples)
-        return false;
-    if (s->packet_data >= s->packet + RTP_SRC_FILL_LIMIT)
-        return false;
+    if (nsamples >= ptime_samples || bytes >= RTP_SRC_FILL_LIMIT)
+        return true;
     // three PCM channels fill the buffer before the limit: finish early
-    const int next = s->fmt.payload_format == 1 ? 0 : MIX_BLOCK * 3 * s->nchn;
-    return s->packet_data + next <= s->packet + RTP_SRC_PACKET_MAX;
+    const int next = payload_format == 1 ? 0 : MIX_BLOCK * 3 * nchn;
+    return bytes + next > RTP_SRC_PACKET_MAX;
+}
+
+int rtp_src_packet_samples(int payload_format, int nchn, int ptime_samples, int opus_frame_bytes)
+{
+    const bool opus = payload_format == 1;
+    const int step = opus ? RTP_SRC_OPUS_FRAME : MIX_BLOCK;
+    const int bytes_per_step = opus ? opus_frame_bytes : MIX_BLOCK * 3 * nchn;
+    int n = step, bytes = RTP_HDR_LEN + bytes_per_step;
+    for (; !rtp_src_packet_done(payload_format, nchn, ptime_samples, n, bytes); n += step)
+        bytes += bytes_per_step;
+    return n;
 }
 
 static void send_packet(rtp_src *s) noexcept
@@ -374,7 +395,8 @@ void rtp_send(rtp_src *s, uint32_t rtp_ts) noexcept
         append_opus(s, rtp_ts);
     else
         append_pcm(s);
-    if (packet_open_for_more(s))
+    if (!rtp_src_packet_done(s->fmt.payload_format, s->nchn, s->rtp_ptime_samples, s->packet_nsamples,
+                             int(s->packet_data - s->packet)))
         return;
     s->rtp_seq++;
     send_packet(s);

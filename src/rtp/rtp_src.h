@@ -17,6 +17,7 @@ inline constexpr int RTP_SRC_OPUS_MAX_BYTES = 1440;
 inline constexpr uint8_t RTP_PT_UNSET = 255;    // configured "pt" absent
 inline constexpr uint8_t RTP_PT_MONO = 101;     // default for one channel
 inline constexpr uint8_t RTP_PT_MULTI = 96;     // default otherwise
+inline constexpr char RTP_SRC_MIX_SEP[] = ":,; "; // between the names of a mix list
 inline constexpr float RTP_SRC_MONO_PAIR = 0.707946f; // -3 dB: mono on two channels
 
 struct rtp_src {
@@ -73,5 +74,18 @@ void rtp_src_destroy(rtp_src *s);
 // back. Never allocates or blocks (sends are non-blocking; a failed or short
 // send counts ep.tx_err).
 void rtp_send(rtp_src *s, uint32_t rtp_ts) noexcept;
+// [sup] Channels a mix list gives: 1 for one name, 2 for two, 3 when a
+// separator follows the second name.
+int rtp_src_mix_channels(const char *mix_list);
+// [rt] Payload type sent: the configured one, else 101 for one channel
+// and 96 otherwise.
+uint8_t rtp_src_pt(uint8_t configured, int nchn) noexcept;
+// [rt] Whether an open packet of nsamples frames and `bytes` bytes
+// (header included) is finished: it holds the packet time, reached the
+// fill limit, or the next PCM block would not fit.
+bool rtp_src_packet_done(int payload_format, int nchn, int ptime_samples, int nsamples, int bytes) noexcept;
+// [sup] Sample frames in every packet such a stream sends (Opus: frames
+// assumed opus_frame_bytes long).
+int rtp_src_packet_samples(int payload_format, int nchn, int ptime_samples, int opus_frame_bytes);
 // [sup] Debug line of a stream ("+"/"-" mark); p may be null.
 void debug_print_src(int change_mark, const rtp_src *s, const src *p);

@@ -1,8 +1,7 @@
-// The tag/value line syntax: item search, value copies, numbers, addresses.
+// The tag/value line syntax: item search, value copies, addresses.
 #include "config/vtrp.h"
 
 #include <arpa/inet.h>
-#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
@@ -67,31 +66,6 @@ TEST(VtrCopyval, ValuesAndBufferBounds)
     EXPECT_EQ(vtr_copyval(nullptr, "abc", 4), 0u);
 }
 
-TEST(VtrVallen, MeasuresWhatValdupCopies)
-{
-    const std::pair<const char *, const char *> cases[] = {
-        {R"("a b"\,c d)", "a b,c"}, {"\"ab\ncd\"", "ab"}, {"a\\", "a\\"}, {"\rx", ""}, {"", ""}};
-    for (auto [v, want] : cases) {
-        EXPECT_EQ(vtr_vallen(v), int(strlen(want))) << v;
-        char *d = vtr_valdup(v);
-        EXPECT_STREQ(d, want);
-        free(d);
-    }
-    EXPECT_EQ(vtr_vallen(nullptr), 0);
-    EXPECT_EQ(vtr_valdup(nullptr), nullptr);
-}
-
-TEST(VtrNumbers, BaseIsAutoDetected)
-{
-    EXPECT_EQ(vtr_getl("x=010", "x", -1), 8);
-    EXPECT_EQ(vtr_getl("x=0x10", "x", -1), 16);
-    EXPECT_EQ(vtr_getl("x=\"-7\"", "x", -1), -7);
-    EXPECT_EQ(vtr_getl("y=1", "x", -1), -1);
-    EXPECT_EQ(vtr_getl("x=abc", "x", -1), 0);
-    EXPECT_EQ(vtr_vall("12,3"), 12);
-    EXPECT_EQ(vtr_vall(nullptr), 0);
-}
-
 TEST(VtrUrl, AddressForms)
 {
     struct url_case {
@@ -114,16 +88,6 @@ TEST(VtrUrl, AddressForms)
         EXPECT_EQ(port, c.port) << str(c.url);
         EXPECT_EQ(vtr_url2ip_port(c.url, nullptr, 5004), a);
     }
-}
-
-TEST(VtrEscape, NeverSplitsAPairAndReadsBack)
-{
-    char buf[16], back[16];
-    EXPECT_EQ(vtr_escape(buf, 3, "a\"b"), 1);
-    EXPECT_STREQ(buf, "a");
-    ASSERT_EQ(vtr_escape(buf, sizeof buf, "x\"y\\z\""), 9);
-    vtr_copyval(back, buf, sizeof back);
-    EXPECT_STREQ(back, "x\"y\\z\"");
 }
 
 } // namespace

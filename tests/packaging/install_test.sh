@@ -13,7 +13,7 @@ p=$root$prefix
 fail() { echo "FAIL: $*"; exit 1; }
 
 [ -x "$p/sbin/pelod" ] || fail "no sbin/pelod"
-for t in pelod-tone pelod-listen pelod-check; do
+for t in pelod-tone pelod-listen pelod-sdp pelod-check; do
   if [ -e "$build/$t" ]; then [ -x "$p/bin/$t" ] || fail "no bin/$t"; fi
 done
 conf=$(find "$root" -path '*/etc/pelod.conf' | head -n1)
