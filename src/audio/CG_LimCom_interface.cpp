@@ -102,6 +102,7 @@ static float finite_or_zero(float v) noexcept
 
 void cg_limcom_run(uint32_t rtp_ts) noexcept
 {
+    rt_context_check("cg_limcom_run");
     for (int i = 0; i < RTP_DST_MAX; i++) {
         LimCom_Instance *l = &rtp_dsts[i].limcom;
         if (!limcom_active(l))

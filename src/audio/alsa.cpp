@@ -1,5 +1,7 @@
 #include "audio/alsa.h"
 
+#include "daemon/rtlog.h"
+
 #include <alsa/asoundlib.h>
 #include <cerrno>
 #include <cstdio>
@@ -245,38 +247,51 @@ static void cap_sign_extend(int32_t *samples) noexcept
         alsa_cap_peak = peak;
 }
 
-// Debug line without stdio: the cycle must not wait for the supervisor's stdio locks.
+// Debug line without stdio (the cycle must not wait for the supervisor's
+// stdio locks), queued for the supervisor to print.
 static void cap_print_short(snd_pcm_sframes_t r) noexcept
 {
     char line[40];
     const int n = snprintf(line, sizeof line, "snd_pcm_readi: %d\n", int(r));
-    if (n > 0 && write(STDOUT_FILENO, line, size_t(n)) < 0) {
-        // nothing to do about a lost debug line
-    }
+    if (n > 0)
+        rt_report(STDOUT_FILENO, line, size_t(n));
+}
+
+// What the card did not fill is silence: the buffer comes in holding the
+// block just played, which must never reach the microphone flows.
+static int cap_silence(int32_t *samples, int from_frame = 0) noexcept
+{
+    constexpr int per_frame = ALSA_BLOCK_VALUES / ALSA_BLOCK_FRAMES;
+    memset(samples + from_frame * per_frame, 0, size_t(ALSA_BLOCK_VALUES - from_frame * per_frame) * sizeof *samples);
+    return 0;
 }
 
 int alsa_rec48(int32_t *samples) noexcept
 {
-    if (!capture_ready) {
-        memset(samples, 0, ALSA_BLOCK_VALUES * sizeof *samples); // no card: a silent microphone
-        return 0;
-    }
+    if (!capture_ready)
+        return cap_silence(samples); // no card: a silent microphone
     if (cap_resume_wait > 0) {
         if (--cap_resume_wait > 0)
-            return 0;
+            return cap_silence(samples);
         cap_try_resume();
         if (cap_resume_wait > 0)
-            return 0;
+            return cap_silence(samples);
     }
     if (as_frames(snd_pcm_avail(capture_handle)) <= ALSA_BLOCK_FRAMES)
-        return 0; // the buffer keeps what it holds
+        return cap_silence(samples);
     snd_pcm_sframes_t r = 0;
+    bool got = false;
     for (int reads = 1;; reads++) {
         r = snd_pcm_readi(capture_handle, samples, ALSA_BLOCK_FRAMES);
         if (r < 0) {
             alsa_cap_err++;
             cap_recover(int(r));
+            if (!got)
+                cap_silence(samples);
         } else {
+            got = true;
+            if (r < ALSA_BLOCK_FRAMES)
+                cap_silence(samples, int(r));
             alsa_cap_samples += static_cast<unsigned long>(r);
             if (r != ALSA_BLOCK_FRAMES) {
                 alsa_cap_low++;

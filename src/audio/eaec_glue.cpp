@@ -74,6 +74,7 @@ void dst_eaec_setup(rtp_dst *dst, int source)
 
 void eaec_run(uint32_t rtp_ts) noexcept
 {
+    rt_context_check("eaec_run");
     for (rtp_dst &d : rtp_dsts) {
         const int source = observe(d.eaec_source);
         if (source < 0)

@@ -8,6 +8,7 @@
 #include "daemon/mixrun.h"
 #include "daemon/pelod.h"
 #include "daemon/rtctx.h"
+#include "daemon/rtlog.h"
 #include "daemon/vox.h"
 #include "routing/xpt.h"
 #include "rtp/rtp_sk.h"
@@ -101,7 +102,7 @@ static void reload_if_hup()
         load_level = LOAD_LEVEL_UNKNOWN;
         pelocfg_load(pelod_conf_file);
         load_level = calculate_load();
-        vox_notify_pending = 1;
+        vox_notify_request();
     }
     sigprocmask(SIG_UNBLOCK, &hup, nullptr);
 }
@@ -183,6 +184,7 @@ int main(int argc, char **argv)
         if (select(0, &set, nullptr, nullptr, &tv) == 0)
             do_stats();
         reload_if_hup();
+        rt_log_drain();
         fflush(stdout);
     }
 
@@ -190,6 +192,11 @@ int main(int argc, char **argv)
         unlink(pid_file);
     pelod_child_exit_wait(rt_pid, "DSP");
     rt_context_release(&rt);
+    rt_log_drain();
+    stack_t off{};
+    off.ss_flags = SS_DISABLE;
+    sigaltstack(&off, nullptr);
+    free(ss.ss_sp);
     if (phc_fd >= 0)
         close(phc_fd);
     printf("jitter max %dns\n", jitter_max);

@@ -117,6 +117,7 @@ void mix_mic_to_ring(const int32_t *buf, uint32_t rtp_ts) noexcept
 
 void mix_block(uint32_t rtp_ts, int32_t *buf) noexcept
 {
+    rt_context_check("mix_block");
     bool rendered = false;
     for (rtp_src *s = observe(rtp_srcs); s; s = observe(s->next)) {
         cg_limcom_run_src(s);
@@ -159,6 +160,7 @@ static void rt_arm(int tfd, long ns)
 
 int mix_run(void *)
 {
+    rt_context_enter();
     rt_ignore_signals();
     const int tfd = timerfd_create(CLOCK_MONOTONIC, 0);
     if (tfd < 0) {

@@ -1,5 +1,6 @@
 #include "daemon/vox.h"
 
+#include "daemon/grace.h"
 #include "daemon/rtlog.h"
 
 #include "daemon/mix.h"
@@ -19,6 +20,10 @@ static_assert(VOX_MSG_MAX >= 8 + RTP_DST_MAX * (int(sizeof rtp_dst::src) - 1 + 3
 static_assert(std::is_standard_layout_v<pelod_vox_cfg> && std::is_trivially_copyable_v<pelod_vox_cfg>);
 
 int vox_notify_pending;
+uint32_t vox_notify_requests;
+static uint32_t vox_requests_seen; // the cycle's copy of vox_notify_requests
+
+void vox_notify_request() noexcept { publish(vox_notify_requests, vox_notify_requests + 1); }
 
 static int vox_fd = -1;
 static unsigned vox_socket_failures; // consecutive failed attempts to make the socket
@@ -35,7 +40,10 @@ static bool vox_watched(rtp_dst &d) noexcept
 
 void vox_frame(uint32_t rtp_ts) noexcept
 {
-    int notify = vox_notify_pending;
+    rt_context_check("vox_frame");
+    const uint32_t requests = observe(vox_notify_requests);
+    int notify = vox_notify_pending | (requests != vox_requests_seen);
+    vox_requests_seen = requests;
     for (int i = 0; i < RTP_DST_MAX; i++) {
         rtp_dst &d = rtp_dsts[i];
         if (!vox_watched(d))

@@ -18,7 +18,14 @@ struct pelod_vox_cfg {
 // with their commas, and the closing.
 inline constexpr int VOX_MSG_MAX = 8 + 48 * (64 + 3) + 2;
 
-extern int vox_notify_pending; // a notification is due; also set by the supervisor after a reload
+// One writer per word: the cycle alone writes vox_notify_pending (a
+// notification is due and not yet sent); the supervisor asks for one after
+// a reload through vox_notify_request(), a counter only it advances.
+extern int vox_notify_pending;
+extern uint32_t vox_notify_requests;
+
+// [sup] Asks the cycle for a notification at its next block.
+void vox_notify_request() noexcept;
 
 // [rt] Per-block detector over the 48 flows, called after the echo
 // canceller and before mixing. Clears every flow's level, zeroes the 48

@@ -8,6 +8,7 @@
 #include "rtp/rtp_src.h"
 
 #include <arpa/inet.h>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -23,9 +24,19 @@ rtp_dst rtp_dsts[RTP_DST_MAX];
 
 void dst_init(rtp_dst *dst, int ch)
 {
-    memset(dst, 0, sizeof *dst);
-    dst->eaec_source = -1;
-    dst->index = ch;
+    // The cycle may look at a free flow at any time: its canceller
+    // reference and its column never pass through 0 (flow 0's column) while
+    // the rest of the record is cleared around them.
+    static_assert(offsetof(rtp_dst, index) < offsetof(rtp_dst, eaec_source));
+    publish(dst->eaec_source, -1);
+    auto *const b = reinterpret_cast<unsigned char *>(dst);
+    const size_t index_end = offsetof(rtp_dst, index) + sizeof dst->index;
+    const size_t ec_end = offsetof(rtp_dst, eaec_source) + sizeof dst->eaec_source;
+    memset(b, 0, offsetof(rtp_dst, index));
+    memset(b + index_end, 0, offsetof(rtp_dst, eaec_source) - index_end);
+    memset(b + ec_end, 0, sizeof *dst - ec_end);
+    publish(dst->index, ch);
+    dst->eaec_ref = -1;
     dst->pAudioptr = mix_inp + ch;
     dlist_init(&dst->ep.rtp_sk_ep_list);
 }
@@ -80,7 +91,7 @@ int match_xpt_dst(const pelod_xpt *x, const rtp_dst *dst)
         dst->pdly != uint32_t(x->pdly))
         return 0;
     const int ec = x->eaec_mix[0] ? mix_ref(x->eaec_mix) : -1;
-    return dst->eaec_source == ec;
+    return dst->eaec_ref == ec; // what was asked for, even when the set-up failed
 }
 
 static rtp_dst *xpt_flow(const pelod_xpt *x)
@@ -113,6 +124,8 @@ void dst_flow_start(rtp_dst *dst, const pelod_xpt *x)
     dst->channel_mode = x->chn;
     dst->fmt = x->fmt;
     dst->pdly = uint32_t(x->pdly);
+    const int ec = x->eaec_mix[0] ? mix_ref(x->eaec_mix) : -1;
+    dst->eaec_ref = ec;
 
     if (strncmp(x->src, "alsa:", 5) == 0) {
         dst->ep.sa_dst.sin_port = htons(uint16_t(strtol(x->src + 5, nullptr, 0)));
@@ -121,7 +134,6 @@ void dst_flow_start(rtp_dst *dst, const pelod_xpt *x)
         return;
     }
 
-    const int ec = x->eaec_mix[0] ? mix_ref(x->eaec_mix) : -1;
     if (ec >= 0)
         dst_eaec_setup(dst, ec);
     else

@@ -31,6 +31,7 @@ struct rtp_dst {
     int vox_activeto;
     float stats_audio_sample;
     int eaec_source;        // reference mix output, -1: none
+    int eaec_ref;           // reference the crosspoint asks for (supervisor only), -1: none
     int eaec_frame_length;
     int16_t eaec_mic[EAEC_FRAME_MAX];
     int16_t eaec_spk[EAEC_FRAME_MAX];

@@ -1,5 +1,6 @@
 #include "rtp/rtp_recv.h"
 
+#include "daemon/grace.h"
 #include "daemon/mix.h"
 #include "daemon/pelod.h"
 #include "daemon/rtlog.h"
@@ -321,6 +322,7 @@ void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, uint32_t rtp_t
 
 void rtp_sk_recvm(rtp_sk *sk, uint32_t rtp_ts_local) noexcept
 {
+    rt_context_check("rtp_sk_recvm");
     // the whole batch lives on the real-time stack (about 440 KiB of 4 MiB)
     std::array<std::array<uint8_t, RTP_MTU>, RTP_RECV_BATCH> bufs;
     alignas(cmsghdr) std::array<std::array<uint8_t, RTP_CTRL_LEN>, RTP_RECV_BATCH> ctrl;

@@ -73,7 +73,8 @@ void pelod_stats_period(unsigned long j)
            jitt_max_1min / 1000, jitt_max_5min / 1000, jitt_max_15min / 1000);
     syslog(LOG_DEBUG, "         alsa cap samples %lu err %lu lowbuf %lu xruns %lu rereads %lu peak(S32) %d",
            alsa_cap_samples, alsa_cap_err, alsa_cap_low, alsa_cap_xrun, alsa_cap_reread, alsa_cap_peak);
-    syslog(LOG_DEBUG, "         alsa play overruns %lu rewrite %lu", alsa_ply_or, alsa_ply_rewrite);
+    syslog(LOG_DEBUG, "         alsa play overruns %lu rewrite %lu loop cuts %lu", alsa_ply_or, alsa_ply_rewrite,
+           alsa_loop_cut);
     alsa_cap_peak = 0; // a per-second peak; the cycle raises it again
 }
 
@@ -338,6 +339,7 @@ int pelod_stats_compose(char *buf, size_t len, rtp_dst *dsts, rtp_src *srcs, int
     t.put("\nALSA Capture : samples %lu err %lu underruns %lu xruns %lu rereads %lu\n", alsa_cap_samples,
           alsa_cap_err, alsa_cap_low, alsa_cap_xrun, alsa_cap_reread);
     t.put("ALSA Playback: overruns %lu rewrites %lu\n", alsa_ply_or, alsa_ply_rewrite);
+    t.put("ALSA loop cuts: %lu\n", alsa_loop_cut);
     return int(t.n);
 }
 

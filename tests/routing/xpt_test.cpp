@@ -4,12 +4,19 @@
 #include "config/pelocfg.h"
 #include "daemon/pelod.h"
 #include "rtp/rtp_src.h"
+#include "daemon/shared.h"
+#include "support/emulation.h"
 #include "support/rtp_wire.h"
 
+#include "audio/eaec_glue.h"
+
 #include <arpa/inet.h>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
+#include <thread>
 
 namespace {
 // The routing in one line: the used flows ("index:source", "/chn" when
@@ -152,4 +159,39 @@ TEST_F(XptEmpty, SoundCardFlowKeepsItsMarkerWhenShared)
     EXPECT_EQ(rtp_dsts[0].ep.sa_dst.sin_family, 0);
 }
 
+// A flow whose canceller could not be set up (reference left at -1) still
+// serves its crosspoint: a reload finds it again and can delete it.
+TEST_F(XptEmpty, FlowWithAFailedCancellerIsStillMatched)
+{
+    pelod_xpt x = xp("spk", "192.0.2.7");
+    snprintf(x.eaec_mix, sizeof x.eaec_mix, "%s", "mic");
+    ASSERT_EQ(pelod_xpt_add(&x), 0);
+    rtp_dst &d = rtp_dsts[0];
+    ASSERT_NE(d.eaec_source, -1);
+    dst_eaec_setup(&d, -1); // what a failed set-up leaves
+    EXPECT_EQ(pelod_xpt_add(&x), 0);
+    EXPECT_EQ(pelod_xpt_del(&x), 0);
+    EXPECT_EQ(routing(), "| | 0 sk");
+}
+
+// The cycle may read a free flow while it is re-initialised: its canceller
+// reference and its column must never be seen at 0 (flow 0's column).
+TEST(XptInit, CycleNeverSeesAHalfClearedFlow)
+{
+    SKIP_UNDER_EMULATION();
+    static rtp_dst d;
+    dst_init(&d, 5);
+    std::atomic<bool> stop{false};
+    std::atomic<long> bad{0};
+    std::thread cycle([&] {
+        while (!stop)
+            bad += observe(d.eaec_source) != -1 || observe(d.index) != 5;
+    });
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+    while (std::chrono::steady_clock::now() < end)
+        dst_init(&d, 5);
+    stop = true;
+    cycle.join();
+    EXPECT_EQ(bad, 0);
+}
 } // namespace

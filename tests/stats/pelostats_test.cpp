@@ -52,7 +52,7 @@ protected:
             dst_init(&rtp_dsts[i], i);
         srcs_used = 0;
         alsa_cap_samples = alsa_cap_err = alsa_cap_low = alsa_cap_xrun = alsa_cap_reread = 0;
-        alsa_ply_or = alsa_ply_rewrite = 0;
+        alsa_ply_or = alsa_ply_rewrite = alsa_loop_cut = 0;
         pelod_stats_init(("/no/such.dir/" + base + ".conf").c_str());
     }
     void TearDown() override
@@ -129,7 +129,7 @@ TEST_F(StatsReport, ConstructedStateLineByLine)
     out(5, "239.192.128.1", "192.168.1.10", 5004, 3, 15, 14);
     srcs_used = 6;
     std::tie(alsa_cap_samples, alsa_cap_err, alsa_cap_low, alsa_cap_xrun, alsa_cap_reread, alsa_ply_or,
-             alsa_ply_rewrite) = std::tuple(48000, 1, 2, 1, 3, 4, 5);
+             alsa_ply_rewrite, alsa_loop_cut) = std::tuple(48000, 1, 2, 1, 3, 4, 5, 6);
 
     // the scheduling and CPU lines vary with the machine: their values are masked
     std::string text = print(3);
@@ -184,7 +184,7 @@ TEST_F(StatsReport, FullTablesWithLongNamesNeverOverrunTheBuffer)
     const std::string text(whole.data());
     EXPECT_EQ(text.size(), size_t(full));
     EXPECT_LT(full, PELOSTATS_BUF_LEN / 2);
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 12 + 5 + 48 + 5 + 64 + 5 + 16 + 3) << "the whole report";
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 12 + 5 + 48 + 5 + 64 + 5 + 16 + 4) << "the whole report";
     for (size_t room : {0, 1, 100, 4000, 12000}) {
         std::vector<char> buf(room + 64, '#');
         const size_t n = size_t(pelod_stats_compose(buf.data(), room, rtp_dsts, streams.data(), 0, mix_gain, mixouts));

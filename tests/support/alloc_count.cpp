@@ -48,6 +48,17 @@ void *operator new(size_t n)
     return p;
 }
 void *operator new[](size_t n) { return operator new(n); }
+// The nothrow forms must come from here too, or their blocks reach the
+// replaced delete from the library's own allocator.
+void *operator new(size_t n, const std::nothrow_t &) noexcept
+{
+    if (counting)
+        count++;
+    return malloc(n ? n : 1);
+}
+void *operator new[](size_t n, const std::nothrow_t &t) noexcept { return operator new(n, t); }
+void operator delete(void *p, const std::nothrow_t &) noexcept { free(p); }
+void operator delete[](void *p, const std::nothrow_t &) noexcept { free(p); }
 void operator delete(void *p) noexcept { free(p); }
 void operator delete[](void *p) noexcept { free(p); }
 void operator delete(void *p, size_t) noexcept { free(p); }
