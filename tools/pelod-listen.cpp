@@ -107,7 +107,8 @@ void usage(const char *prog)
            "  datagrams spread_ms p99_ms p999_ms relocks pdly_auto late_auto pdly_100\n"
            "  pdly_999 suggest (spread: largest minus smallest arrival-minus-timestamp;\n"
            "  late_auto: datagrams the automatic delay would have counted LATE; suggest:\n"
-           "  pdly_100 rounded up to whole milliseconds plus one)\n"
+           "  pdly_100 rounded up to whole milliseconds plus the daemon's 2 ms\n"
+           "  allowance for its own wake-up jitter)\n"
            "\n"
            "Exit status: 0 when the stream was received, 2 when nothing arrived,\n"
            "1 on a usage or set-up error.\n",
@@ -412,7 +413,8 @@ struct jitter_probe {
         const int32_t auto_pdly = std::max(pdly_auto(step), int(pdly_samples_min));
         const long late_auto = std::count_if(need.begin(), need.end(), [&](int32_t x) { return x > auto_pdly; });
         const int32_t all = std::max(nd.back(), 1), most = std::max(at(nd, 0.999), 1);
-        const int32_t suggest = (all + MIX_BLOCK - 1) / MIX_BLOCK * MIX_BLOCK + MIX_BLOCK;
+        // whole milliseconds, plus the daemon's allowance for its own wake-up jitter
+        const int32_t suggest = (all + MIX_BLOCK - 1) / MIX_BLOCK * MIX_BLOCK + pdly_samples_min;
         printf("jitter datagrams=%zu spread_ms=%.2f p99_ms=%.2f p999_ms=%.2f relocks=%lld pdly_auto=%d "
                "late_auto=%ld pdly_100=%d pdly_999=%d suggest=%d\n",
                need.size(), ms(a.back() - a.front()), ms(at(a, 0.99) - a.front()), ms(at(a, 0.999) - a.front()),
