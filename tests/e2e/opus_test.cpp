@@ -25,10 +25,6 @@ const opus_case opus_cases[] = {
     {"ForeignStereoIsDownmixed",
      {"-F", "opus", "-c", "2", "-f", "1000", "-l", "-20"},
      "XPT mix=b src=127.0.0.1:5004 fmt=opus/48000/2\nSRC mix=b rtpa=127.0.0.1:6000\n", "L24/1", -20.0, 1000.0},
-    {"ForeignStereoChannelSelect",
-     {"-F", "opus", "-c", "2", "-f", "1000,1500", "-l", "-20"},
-     "XPT mix=b src=127.0.0.1:5004 fmt=opus/48000/2 chn=1\nSRC mix=b rtpa=127.0.0.1:6000\n", "L24/1", -23.0,
-     1500.0},
 };
 
 void PrintTo(const opus_case &c, std::ostream *os) { *os << c.name; }
