@@ -3,8 +3,6 @@
 #include "daemon/grace.h"
 #include "daemon/mix.h"
 #include "daemon/shared.h"
-#include "routing/xpt.h"
-#include "rtp/rtp_src.h"
 
 #include <cmath>
 #include <cstddef>

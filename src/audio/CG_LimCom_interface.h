@@ -3,31 +3,9 @@
 // the two places in the cycle where the daemon runs them.
 #pragma once
 #include "audio/CG_LimCom.h"
+#include "daemon/records.h"
 
 #include <cstdint>
-
-// Configured values (tag lce), all zero unless given.
-struct limcom_params {
-    int enable;       // 1: the limiter is on
-    int ch0;          // stream: which entry of its mix pair feeds limiter channel 0
-    int ch1;          // the same for limiter channel 1
-    double attack;    // one-channel: ms; two-channel: multiple of 2.5 ms
-    double release;   // one-channel: ms; two-channel: multiple of 500 ms
-    double threshold; // linear amplitude, 1.0 = full scale
-    double ratio;
-};
-
-struct LimCom_Instance {
-    limcom_params current_params; // as last given, byte for byte;
-                                  // enable is the word the cycle observes
-    int nchan;               // 1 or 2; anything else: never active
-    float inputBuffer[96];   // channel 0: 0..47, channel 1: 48..95
-    float outputBuffer[96];  // same layout; valid while enabled
-    union {
-        CG_LimCom_1ch_Model m1;
-        CG_LimCom_2ch_Model m2;
-    } instance;
-};
 
 // [init] Module start-up; nothing to do.
 void CG_limcom_init(void);
@@ -57,7 +35,6 @@ int CG_limcom_is_enabled(const LimCom_Instance *inst) noexcept;
 // model: a threshold of 0 makes the output NaN (the glue below guards).
 void CG_limcom_process(LimCom_Instance *inst) noexcept;
 
-struct rtp_src;
 // [rt] For every flow (in table order) whose limiter is enabled: its 48 ring
 // samples at rtp_ts .. rtp_ts+47 (column = flow index) go through the
 // limiter and back into the same slots.

@@ -5,7 +5,6 @@
 #include "daemon/pelod.h"
 #include "daemon/shared.h"
 #include "eaec/eaec.h"
-#include "routing/xpt.h"
 
 #include <cstdio>
 #include <cstring>

@@ -23,8 +23,6 @@ static_assert(std::is_standard_layout_v<pelod_xpt> && std::is_trivially_copyable
 static_assert(std::is_standard_layout_v<src> && std::is_trivially_copyable_v<src>);
 static_assert(std::is_standard_layout_v<xpt>);
 
-src srcs[SRCS_MAX];
-int srcs_used;
 char ifs[40];
 dlist xpts = {&xpts, &xpts}, xpts_del = {&xpts_del, &xpts_del}, xpts_new = {&xpts_new, &xpts_new};
 const pelocfg_observer *pelocfg_obs;

@@ -2,7 +2,7 @@
 // and outgoing-stream records, applied to the running daemon by difference.
 #pragma once
 #include "audio/CG_LimCom_interface.h"
-#include "daemon/dlist.h"
+#include "daemon/records.h"
 #include "daemon/vox.h"
 #include "rtp/rtp_recv.h"
 #include "rtp/rtp_sk.h"
@@ -11,45 +11,8 @@
 #include <cstdint>
 #include <cstdio>
 
-inline constexpr int SRCS_MAX = 64;
 inline constexpr int CFG_LINE_LEN = 2050;
 
-// One crosspoint: a source (stream or sound-card input) into a named mix.
-struct pelod_xpt {
-    char mix[65];
-    char src[65];         // address/channel/"alsa:<n>" with ;src= ;fmt= ;pdly=
-    rtp_fmt fmt;
-    int chn;              // -1: not given
-    int pdly;             // samples; default 48 for "alsa:", else 0
-    float gain_dB;
-    pelod_vox_cfg vox;
-    char eaec_mix[65];    // "ecs": echo canceller reference mix
-    ::limcom_params limcom_params;
-    rtp_ep_spec ep;
-};
-
-// One outgoing stream as configured.
-struct src {
-    char mix[130];
-    char rtpa[65];
-    rtp_fmt fmt;
-    rtp_ep_spec ep;
-    uint8_t rtp_pt;        // 255: default
-    int rtp_ptime_samples; // ptime (ms) * 48
-    float gainv_dB[2];
-    ::limcom_params limcom_params;
-    int bitrate;
-    int cbr;
-};
-
-// A crosspoint list node, owned by the loader.
-struct xpt {
-    pelod_xpt x;
-    dlist link;
-};
-
-extern src srcs[SRCS_MAX];
-extern int srcs_used;
 extern char ifs[40];
 extern dlist xpts, xpts_del, xpts_new;
 

@@ -1,7 +1,10 @@
 #include "daemon/mix.h"
 
+#include "daemon/pelod.h"
+
 #include <bit>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <type_traits>
 #if defined(__ARM_NEON)
@@ -153,5 +156,44 @@ void do_dsp(uint32_t rtp_ts) noexcept
             out[o] = v;
         }
         std::memset(row, 0, MIX_INP_MAX * sizeof(float)); // consumed
+    }
+}
+
+int mix_ref(const char *id)
+{
+    for (int i = 0; i < MIX_OUT_MAX; i++)
+        if (strcmp(mixouts[i].id, id) == 0)
+            return i;
+    for (int i = 0; i < MIX_OUT_MAX; i++)
+        if (mixouts[i].id[0] == '\0') {
+            snprintf(mixouts[i].id, sizeof mixouts[i].id, "%s", id);
+            if (debug)
+                printf("+ mix  %s\n", id);
+            return i;
+        }
+    return -1;
+}
+
+static bool mix_used_by_stream(int j)
+{
+    for (const rtp_src *s = rtp_srcs; s; s = s->next)
+        if ((s->nchn > 0 && s->mix[0] == j) || (s->nchn != 1 && s->mix[1] == j))
+            return true;
+    return false;
+}
+
+void mixs_prune()
+{
+    for (int j = 0; j < MIX_OUT_MAX; j++) {
+        if (mixouts[j].id[0] == '\0')
+            continue;
+        bool gain = false;
+        for (float g : mix_gain[j])
+            gain = gain || g != 0.0f;
+        if (gain || mix_used_by_stream(j))
+            continue;
+        if (debug)
+            printf("- mix  %s\n", mixouts[j].id);
+        mixouts[j].id[0] = '\0';
     }
 }

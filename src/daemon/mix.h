@@ -1,32 +1,10 @@
 // Mixing core: the mix input ring indexed by RTP time, the gain matrix of
 // 16 outputs by 48 inputs, and the per-block mixing step.
 #pragma once
+#include "daemon/records.h"
+
 #include <cstddef>
 #include <cstdint>
-
-inline constexpr int MIX_INP_MAX = 48;          // mix inputs = flows
-inline constexpr int MIX_OUT_MAX = 16;          // named mix outputs
-inline constexpr int MIX_BLOCK = 48;            // samples per block
-inline constexpr uint32_t MIX_RING_MASK = 8191; // ring slots - 1
-inline constexpr int MIX_OUT_UNUSED = 48;       // mode: no input
-inline constexpr int MIX_OUT_MULTI = -1;        // mode: two or more inputs
-inline constexpr int MIX_ID_LEN = 65;
-
-struct mixout {
-    int32_t mode;             // MIX_OUT_UNUSED, MIX_OUT_MULTI or the one input
-    char id[MIX_ID_LEN];      // mix name; empty = free
-    float stats_audio_sample; // peak register, reset by the report
-};
-
-// The ring: sample of input i at RTP time t is mix_inp[(t & 8191) * 48 + i].
-// mix_inp points at the first 32 KiB boundary inside mix_inp_storage.
-extern float mix_inp_storage[786432];
-extern float *mix_inp;
-extern float mix_gain[MIX_OUT_MAX][MIX_INP_MAX];
-extern mixout mixouts[MIX_OUT_MAX];
-// 96 rows x 16 columns: rows 0..47 the last mixed block (sample k of output
-// o at [k * 16 + o]); rows 48..95 scratch for a sound-card limiter's output.
-extern float mix_out[96 * MIX_OUT_MAX];
 
 extern const float float_to_int16; // 32767.0
 extern const float float_to_int24; // 8388607.0
@@ -72,6 +50,10 @@ inline float sample_bound(float v, float bound = SAMPLE_BOUND) noexcept
 void mix_gain_set(int imix_out, int imix_inp, float g);
 // [sup] Recomputes mixouts[imix].mode from row imix of mix_gain.
 void calc_mix_mode(int imix);
+// [sup] Mix output named id, created in the lowest free slot; -1 if full.
+int mix_ref(const char *id);
+// [sup] Frees mix outputs with no gain and no outgoing stream.
+void mixs_prune();
 // [rt] Dot product of n floats (n a multiple of 8) in the fixed order of
 // two 4-lane accumulators; NEON where available, bit-identical portable
 // code elsewhere.

@@ -1,12 +1,10 @@
 #include "daemon/vox.h"
 
 #include "daemon/grace.h"
-#include "daemon/rtlog.h"
-
 #include "daemon/mix.h"
 #include "daemon/pelod.h"
+#include "daemon/rtlog.h"
 #include "daemon/shared.h"
-#include "routing/xpt.h"
 
 #include <array>
 #include <cerrno>

@@ -6,13 +6,9 @@
 // after every reload, the whole list of active flows goes out as one UDP
 // datagram {"vox":["name",...]} to 127.0.0.1:vox_notify_port.
 #pragma once
-#include <cstdint>
+#include "daemon/records.h"
 
-struct pelod_vox_cfg {
-    float threshold_lin; // linear level; 0 = detection off
-    int holdtime;        // ms = blocks
-    int gate;            // mute the flow while inactive
-};
+#include <cstdint>
 
 // Longest datagram: the opening, 48 quoted names of up to 64 characters
 // with their commas, and the closing.

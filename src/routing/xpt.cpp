@@ -1,11 +1,13 @@
 #include "routing/xpt.h"
 
+#include "audio/CG_LimCom_interface.h"
 #include "audio/eaec_glue.h"
-#include "config/pelocfg.h"
 #include "daemon/grace.h"
+#include "daemon/mix.h"
 #include "daemon/pelod.h"
 #include "daemon/shared.h"
-#include "rtp/rtp_src.h"
+#include "eaec/eaec.h"
+#include "rtp/rtp_sk.h"
 
 #include <arpa/inet.h>
 #include <cstddef>
@@ -14,10 +16,6 @@
 #include <cstring>
 #include <opus.h>
 #include <type_traits>
-
-static_assert(std::is_standard_layout_v<rtp_dst> && std::is_trivially_copyable_v<rtp_dst>);
-
-rtp_dst rtp_dsts[RTP_DST_MAX];
 
 #define IP4(a) (reinterpret_cast<const uint8_t *>(&(a))[0]), (reinterpret_cast<const uint8_t *>(&(a))[1]), \
                (reinterpret_cast<const uint8_t *>(&(a))[2]), (reinterpret_cast<const uint8_t *>(&(a))[3])
@@ -51,21 +49,6 @@ int dst_in_use(const rtp_dst *dst)
 }
 
 int dst_imix_inp(const rtp_dst *dst) { return dst->index; }
-
-int mix_ref(const char *id)
-{
-    for (int i = 0; i < MIX_OUT_MAX; i++)
-        if (strcmp(mixouts[i].id, id) == 0)
-            return i;
-    for (int i = 0; i < MIX_OUT_MAX; i++)
-        if (mixouts[i].id[0] == '\0') {
-            snprintf(mixouts[i].id, sizeof mixouts[i].id, "%s", id);
-            if (debug)
-                printf("+ mix  %s\n", id);
-            return i;
-        }
-    return -1;
-}
 
 template <class T> static bool same_bits(const T &a, const T &b) { return memcmp(&a, &b, sizeof a) == 0; }
 
@@ -240,30 +223,6 @@ int pelod_xpt_del(const pelod_xpt *x)
         dst_flow_stop(dst);
     mixs_prune();
     return 0;
-}
-
-static bool mix_used_by_stream(int j)
-{
-    for (const rtp_src *s = rtp_srcs; s; s = s->next)
-        if ((s->nchn > 0 && s->mix[0] == j) || (s->nchn != 1 && s->mix[1] == j))
-            return true;
-    return false;
-}
-
-void mixs_prune()
-{
-    for (int j = 0; j < MIX_OUT_MAX; j++) {
-        if (mixouts[j].id[0] == '\0')
-            continue;
-        bool gain = false;
-        for (float g : mix_gain[j])
-            gain = gain || g != 0.0f;
-        if (gain || mix_used_by_stream(j))
-            continue;
-        if (debug)
-            printf("- mix  %s\n", mixouts[j].id);
-        mixouts[j].id[0] = '\0';
-    }
 }
 
 // Channel letter: set[i], or '?' for a chn the set does not hold.

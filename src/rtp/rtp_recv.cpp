@@ -5,7 +5,6 @@
 #include "daemon/pelod.h"
 #include "daemon/rtlog.h"
 #include "daemon/shared.h"
-#include "routing/xpt.h"
 
 #include <algorithm>
 #include <array>

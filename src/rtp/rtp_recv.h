@@ -3,22 +3,10 @@
 // at their playout position. Also owns the audio format record, the
 // default payload map and the playout delay rule.
 #pragma once
+#include "daemon/records.h"
 #include "rtp/rtp_sk.h"
 
 #include <cstdint>
-
-struct rtp_dst;
-
-struct rtp_fmt {
-    int payload_format; // RTP_FMT_PCM ("L24"), RTP_FMT_OPUS, RTP_FMT_NDI (received as PCM)
-    int bps;            // 16 or 24
-    int samplerate;     // 48000
-    int nchan;          // 0: decided per datagram by the default map
-};
-
-inline constexpr int RTP_FMT_PCM = 0;
-inline constexpr int RTP_FMT_OPUS = 1;
-inline constexpr int RTP_FMT_NDI = 2;
 
 struct vantrel_rtpmap_entry {
     int channels;

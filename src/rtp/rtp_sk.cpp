@@ -3,8 +3,6 @@
 #include "daemon/grace.h"
 #include "daemon/pelod.h"
 #include "daemon/shared.h"
-#include "routing/xpt.h"
-#include "rtp/rtp_src.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -20,8 +18,6 @@ static_assert(std::is_standard_layout_v<rtp_sk> && std::is_trivially_copyable_v<
 static_assert(std::is_standard_layout_v<rtp_ep_spec> && std::is_trivially_copyable_v<rtp_ep_spec>);
 static_assert(sizeof(mgroup) == 8);
 static_assert((RTP_SK_HASH & (RTP_SK_HASH - 1)) == 0);
-
-dlist rtp_sk_all = {&rtp_sk_all, &rtp_sk_all};
 
 // The four octets of a network-order address, for "%d.%d.%d.%d".
 #define IP4(a) (reinterpret_cast<const uint8_t *>(&(a))[0]), (reinterpret_cast<const uint8_t *>(&(a))[1]), \

@@ -1,11 +1,12 @@
 #include "rtp/rtp_src.h"
 
-#include "config/pelocfg.h"
+#include "audio/CG_LimCom_interface.h"
 #include "daemon/grace.h"
 #include "daemon/mix.h"
 #include "daemon/pelod.h"
 #include "daemon/shared.h"
-#include "routing/xpt.h"
+#include "rtp/rtp_recv.h"
+#include "rtp/rtp_sk.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -20,7 +21,6 @@
 static_assert(std::is_standard_layout_v<rtp_src> && std::is_trivially_copyable_v<rtp_src>);
 static_assert(RTP_HDR_LEN + RTP_SRC_OPUS_MAX_BYTES == RTP_SRC_FILL_LIMIT);
 
-rtp_src *rtp_srcs;
 uint32_t opus_enc_rtp_ts;
 
 static float src_gain_lin(float dB)

@@ -2,15 +2,12 @@
 // Opus), rebuilt by difference from the configured sources on every load.
 #pragma once
 #include "audio/CG_LimCom_interface.h"
+#include "daemon/records.h"
 #include "rtp/rtp_recv.h"
 #include "rtp/rtp_sk.h"
 
 #include <cstdint>
 
-struct OpusEncoder;
-struct src;
-
-inline constexpr int RTP_SRC_PACKET_MAX = 1500; // bytes of the packet buffer
 inline constexpr int RTP_SRC_FILL_LIMIT = 1452; // a packet this full is finished
 inline constexpr int RTP_SRC_OPUS_FRAME = 480;  // samples per Opus frame (10 ms)
 inline constexpr int RTP_SRC_OPUS_MAX_BYTES = 1440;
@@ -20,30 +17,6 @@ inline constexpr uint8_t RTP_PT_MULTI = 96;     // default otherwise
 inline constexpr char RTP_SRC_MIX_SEP[] = ":,; "; // between the names of a mix list
 inline constexpr float RTP_SRC_MONO_PAIR = 0.707946f; // -3 dB: mono on two channels
 
-struct rtp_src {
-    rtp_src *next;
-    char in_mix[130];      // configured mix list
-    int mix[2];            // mix output of channel 0 and 1
-    rtp_ep ep;             // dst is null
-    uint8_t rtp_pt;        // 255: 101 mono, 96 otherwise
-    uint16_t rtp_seq;      // of the next packet
-    int rtp_ptime_samples;
-    int64_t tx_backoff;    // finished packets held back by the back-off
-    int nchn;              // 1, 2 or 3 (third channel: silence in PCM, absent in Opus)
-    float gainv[2];        // linear
-    rtp_fmt fmt;           // payload_format 1: Opus, anything else: L24
-    uint8_t packet[RTP_SRC_PACKET_MAX];
-    uint8_t *packet_data;  // write position; null: no packet open
-    int packet_nsamples;   // sample frames in the open packet
-    LimCom_Instance limcom;
-    OpusEncoder *opus_enc; // null unless Opus
-    float opus_inbuf[960]; // interleaved, one 10 ms frame of at most 2 channels
-    int opus_inbuf_avail;  // floats in opus_inbuf
-    int bitrate;           // 0: encoder default
-    int cbr;
-};
-
-extern rtp_src *rtp_srcs;        // list head; new streams at the tail
 extern uint32_t opus_enc_rtp_ts; // cycle that last began an Opus frame
 
 // [sup] Brings rtp_srcs in line with srcs[0..srcs_used-1]: keeps streams
