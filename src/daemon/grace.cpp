@@ -52,6 +52,13 @@ static bool rt_gone()
     return waitid(P_PID, id_t(rt), &si, WEXITED | WNOHANG | WNOWAIT) == 0 && si.si_pid == rt;
 }
 
+static long elapsed_us(timespec t0)
+{
+    timespec t{};
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return long(t.tv_sec - t0.tv_sec) * 1000000 + (t.tv_nsec - t0.tv_nsec) / 1000;
+}
+
 int grace_wait()
 {
     std::atomic_thread_fence(std::memory_order_seq_cst); // unlink before we sample
@@ -61,22 +68,24 @@ int grace_wait()
     // The counter moves after the last read of a wake-up, so once it has
     // moved, the wake-up that may have seen the old state is over.
     const timespec pause{0, 200000};
-    timespec t0{}, now{};
+    long report_at_us = 100000, next_gone_check_us = 10000;
+    timespec t0{};
     clock_gettime(CLOCK_MONOTONIC, &t0);
-    long report_at_ms = 100;
-    for (unsigned n = 1;; n++) {
+    // waited by the clock: on a loaded machine a pause lasts longer than asked
+    for (long waited_us = 0;; waited_us = elapsed_us(t0)) {
         if (!std::atomic_ref<int32_t>(rt_alive).load(std::memory_order_seq_cst))
             return 0;
         if (std::atomic_ref<uint32_t>(rt_cycles).load(std::memory_order_seq_cst) - c0 >= 1)
             return 0;
-        if (n % 50 == 0 && rt_gone())
-            return -1;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        const long waited_ms = (now.tv_sec - t0.tv_sec) * 1000 + (now.tv_nsec - t0.tv_nsec) / 1000000;
-        if (waited_ms >= report_at_ms) {
+        if (waited_us >= next_gone_check_us) {
+            if (rt_gone())
+                return -1;
+            next_gone_check_us = waited_us + 10000;
+        }
+        if (waited_us >= report_at_us) {
             fprintf(stderr, "pelod: grace_wait: the real-time cycle has not passed a boundary for %ld ms\n",
-                    waited_ms);
-            report_at_ms *= 10; // 0.1 s, 1 s, 10 s, ...
+                    waited_us / 1000);
+            report_at_us *= 10; // 0.1 s, 1 s, 10 s, ...
         }
         nanosleep(&pause, nullptr);
     }
