@@ -297,7 +297,9 @@ const pass::seen *tag_seen(const pass &p, const char *tag)
 
 void check_gain(int line, const char *tag, float dB)
 {
-    if (!std::isfinite(dB) || !std::isfinite(dB2lin(dB)))
+    if (std::isnan(dB))
+        report(line, "error", "%s is not a number: the daemon mutes it", tag);
+    else if (dB > 0.0f && !std::isfinite(dB2lin(dB)))
         report(line, "error", "%s=%g overflows: the daemon holds it at +100 dB", tag, double(dB));
     else if (dB > 100.0f)
         report(line, "warning", "%s=%g is beyond +100 dB: the daemon holds it at +100 dB", tag,
@@ -319,6 +321,16 @@ void check_fmt(pass &p, const rtp_fmt &f)
     else if (!v.empty() && f.payload_format == 0 && f.bps == 0)
         report(p.line, "warning", "fmt=%s: the name is not L24, opus or NDI: the daemon receives "
                "24-bit PCM", v.c_str());
+}
+
+void check_limcom(int line, const limcom_params &l)
+{
+    for (double v : {l.attack, l.release, l.threshold, l.ratio})
+        if (!std::isfinite(v)) {
+            report(line, "error", "lce holds a value that is not a finite number: the limiter's "
+                   "output is not a number, and the daemon makes it silent");
+            return;
+        }
 }
 
 void check_xpt(pass &p, line_rec &r)
@@ -349,6 +361,7 @@ void check_xpt(pass &p, line_rec &r)
     if (x.pdly < 0 || x.pdly >= int(MIX_RING_MASK + 1))
         report(p.line, "warning", "pdly=%d is outside the 8192-sample ring: the flow plays at the "
                "wrong time", x.pdly);
+    check_limcom(p.line, x.limcom_params);
     check_fmt(p, x.fmt);
 }
 
@@ -373,6 +386,7 @@ void check_src(pass &p, const src &s)
     if (strncmp(s.rtpa, "alsa:", 5) != 0 && (s.rtp_ptime_samples < 48 || s.rtp_ptime_samples > 20 * 48))
         report(p.line, "warning", "ptime=%d ms is outside 1..20: the stream's packets are not "
                "what a receiver expects", s.rtp_ptime_samples / 48);
+    check_limcom(p.line, s.limcom_params);
     check_fmt(p, s.fmt);
 }
 

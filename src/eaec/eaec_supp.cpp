@@ -28,14 +28,7 @@ constexpr float COH_RATE = 0.1f;      // cross-spectrum smoothing per frame
 // weighted up, they leave double-talk loss under 2 dB on the benchmark.
 constexpr float LEAK_WEIGHT = 4.0f;
 constexpr float COH_WEIGHT = 4.0f;
-
-uint32_t lcg(uint32_t &r)
-{
-    r = r * 1664525u + 1013904223u;
-    return r;
-}
-// Uniform in [-1, 1).
-float uniform(uint32_t &r) { return float(int32_t(lcg(r))) * (1.0f / 2147483648.0f); }
+constexpr float ECHO_OVER_NOISE = 1.0f; // residual echo the floor lets through, re the noise
 } // namespace
 
 // Cross spectra of the far end at lags 0..EAEC_LAGS-1 frames with the
@@ -83,7 +76,7 @@ static void coherence(const eaec_params *p, const eaec_state *s, eaec_chan *c, c
 
 supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *e_re,
                         const float *e_im, const float *y_re, const float *y_im, int far_active,
-                        float *pe) noexcept
+                        int mic_silent, float *pe) noexcept
 {
     const int kp = p->kpad;
     const v4 smooth = v4_dup(POW_SMOOTH);
@@ -127,6 +120,8 @@ supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c,
         }
     }
     coherence(p, s, c, e_re, e_im, far_active);
+    if (mic_silent)
+        return f;
     const v4 fall = v4_dup(NOISE_FALL), rise = v4_dup(NOISE_RISE), lift = v4_dup(1e-16f);
     for (int k = 0; k < kp; k += 4) {
         const v4 v = v4_load(c->s_ee + k), nz = v4_load(c->noise + k);
@@ -151,12 +146,12 @@ void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept
     }
 }
 
-void supp_apply(const eaec_params *p, eaec_chan *c, float *e_re, float *e_im, float *pe) noexcept
+void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe) noexcept
 {
     const int kp = p->kpad, nb = p->nbin;
     const v4 fe = v4_dup(p->floor_echo), fn = v4_dup(p->floor_noise), tiny = v4_dup(TINY), one = v4_dup(1.0f);
     const v4 zero = v4_dup(0.0f), lw = v4_dup(LEAK_WEIGHT * c->leak), cw = v4_dup(COH_WEIGHT);
-    const v4 dd = v4_dup(DD_MEMORY), dd1 = v4_dup(1.0f - DD_MEMORY);
+    const v4 dd = v4_dup(DD_MEMORY), dd1 = v4_dup(1.0f - DD_MEMORY), deep = v4_dup(ECHO_OVER_NOISE);
     for (int k = 0; k < kp; k += 4) {
         const v4 s_ee = v4_load(c->s_ee + k), noise = v4_load(c->noise + k);
         const v4 echo = v4_min(v4_max(v4_mul(lw, v4_load(c->s_yy + k)), v4_mul(cw, v4_load(c->coh_echo + k))), s_ee);
@@ -164,19 +159,13 @@ void supp_apply(const eaec_params *p, eaec_chan *c, float *e_re, float *e_im, fl
         const v4 post = v4_div(v4_load(pe + k), interf);
         const v4 prio = v4_add(v4_mul(dd, v4_load(c->snr_prev + k)), v4_mul(dd1, v4_max(v4_sub(post, one), zero)));
         const v4 g = v4_div(prio, v4_add(one, prio));
-        const v4 g2 = v4_max(v4_mul(g, g), v4_div(v4_mma(fe, echo, fn, noise), interf));
+        // The echo floor leaves at most floor_echo x the noise of residual
+        // echo: deeper than configured only where the echo dominates.
+        const v4 g2 = v4_max(v4_mul(g, g), v4_div(v4_mma(fe, v4_min(echo, v4_mul(deep, noise)), fn, noise), interf));
         v4_store(c->snr_prev + k, v4_mul(g2, post));
-        const v4 gain = v4_sqrt(g2);
-        v4_store(e_re + k, v4_mul(v4_load(e_re + k), gain));
-        v4_store(e_im + k, v4_mul(v4_load(e_im + k), gain));
-        v4_store(pe + k, v4_mul(v4_sub(fn, g2), noise)); // comfort noise power, used below
+        v4_store(gain_out + k, v4_sqrt(g2));
+        v4_store(pe + k, v4_max(zero, v4_mul(v4_sub(fn, g2), noise))); // comfort noise power
     }
-    for (int k = 0; k < nb; k++) {
-        if (pe[k] > 0.0f) {
-            // Uniform components have power 1/3 each: scale to the comfort power.
-            const float a = std::sqrt(1.5f * pe[k]);
-            e_re[k] += a * uniform(c->rng);
-            e_im[k] += a * uniform(c->rng);
-        }
-    }
+    for (int k = nb; k < kp; k++)
+        gain_out[k] = pe[k] = 0.0f;
 }

@@ -165,9 +165,9 @@ uint32_t rtp_relock_offset(const rtp_ep *ep, uint32_t ts, int32_t step, const rt
 
 // Timing lock, for a datagram of `frames` samples (0: unknown). It arrived
 // after the previous wake-up (t.block) and before this one (t.wake): it
-// runs ahead only when its end lies after t.wake, and behind when it lies
-// more than a window before t.block. A late wake-up of our own therefore
-// never looks like a sender running ahead. Returns the offset
+// runs ahead only when its end lies after t.wake (on two wake-ups), and
+// behind when it lies more than a window before t.block. A late wake-up of
+// our own therefore never looks like a sender running ahead. Returns the offset
 // sender - local.
 uint32_t rtp_time_lock(rtp_ep *ep, uint32_t ts, int32_t step, int32_t frames, const rtp_rx_time &t) noexcept
 {
@@ -176,17 +176,28 @@ uint32_t rtp_time_lock(rtp_ep *ep, uint32_t ts, int32_t step, int32_t frames, co
     if (!ep->run) {
         // the first datagram after a start or a marker: re-lock below
     } else if (int32_t(t.wake - at) < 0) {
-        ep->run = 0; // ahead: re-lock at once
-        // a timestamp jump forward makes the step longer than the datagram:
-        // the audio it holds is its packet time
-        if (frames > 0 && frames < step)
-            step = frames;
+        // Ahead. A stall of our own between the clock read and this drain
+        // lets datagrams in that are newer than t.wake, so it takes a second
+        // wake-up that finds the stream ahead; until then the datagram
+        // plays at its timestamp, later than needed but whole.
+        if (ep->ahead && ep->ahead_wake != t.wake) {
+            ep->run = 0; // re-lock
+            // a timestamp jump forward makes the step longer than the
+            // datagram: the audio it holds is its packet time
+            if (frames > 0 && frames < step)
+                step = frames;
+        } else {
+            ep->ahead = 1;
+            ep->ahead_wake = t.wake;
+        }
     } else if (int32_t(t.block - at) <= window) {
         ep->buf_full_ts = t.block;
+        ep->ahead = 0;
     } else if (t.block - ep->buf_full_ts > uint32_t(RTP_LATE_TOLERANCE)) {
         ep->run = 0; // behind for 2.5 s
     }
     if (!ep->run) {
+        ep->ahead = 0;
         ep->synt = rtp_relock_offset(ep, ts, step, t, window);
         ep->buf_full_ts = t.block;
         ep->rx_reset++;
@@ -276,8 +287,13 @@ void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst) no
 
 void rtp_ep_backoff_check(rtp_ep *ep, uint32_t src_addr_h, const uint8_t *packet, int l) noexcept
 {
+    // our own streams' looped-back datagrams (our address, our SSRC) never
+    // arm or re-arm a back-off: a second stream to a group we already send
+    // to would otherwise never start
+    if (src_addr_h == ep->if_addr_h && l >= RTP_HDR_LEN && be32(packet + 8) == pelod_ssrc)
+        return;
     if (ep->backoff_cnt != 0) {
-        ep->backoff_cnt = RTP_BACKOFF_ARMED; // any datagram on the group re-arms
+        ep->backoff_cnt = RTP_BACKOFF_ARMED; // any other datagram on the group re-arms
         return;
     }
     if (src_addr_h > ep->if_addr_h)
@@ -315,8 +331,10 @@ void rtp_sk_deliver(rtp_sk *sk, in_addr_t dst_addr, uint32_t src_addr_h, const u
 
 void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_time &t) noexcept
 {
-    if (l < RTP_HDR_LEN)
+    if (l < RTP_HDR_LEN) { // counted, nothing past the datagram is read
+        ep->rx_count++;
         return;
+    }
     rtp_dst *dst = ep->dst;
     const int cc = packet[0] & 0x0F;
     const bool ext = packet[0] & 0x10;
