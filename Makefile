@@ -5,7 +5,7 @@
 BUILD ?= build
 JOBS ?= $(shell nproc)
 DEPS = cmake g++ make pkg-config libopus-dev libasound2-dev libgtest-dev libgmock-dev \
-       libbenchmark-dev iproute2 gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good man-db
+       libbenchmark-dev iproute2 gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good ffmpeg man-db
 
 ARMHF_BUILD ?= build-armhf
 ARMHF_DEPS = g++-arm-linux-gnueabihf qemu-user libopus-dev:armhf libasound2-dev:armhf libgtest-dev

@@ -321,6 +321,16 @@ void check_fmt(pass &p, const rtp_fmt &f)
                "24-bit PCM", v.c_str());
 }
 
+void check_limcom(int line, const limcom_params &l)
+{
+    for (double v : {l.attack, l.release, l.threshold, l.ratio})
+        if (!std::isfinite(v)) {
+            report(line, "error", "lce holds a value that is not a finite number: the limiter's "
+                   "output is not a number, and the daemon makes it silent");
+            return;
+        }
+}
+
 void check_xpt(pass &p, line_rec &r)
 {
     const pelod_xpt &x = r.x;
@@ -349,6 +359,7 @@ void check_xpt(pass &p, line_rec &r)
     if (x.pdly < 0 || x.pdly >= int(MIX_RING_MASK + 1))
         report(p.line, "warning", "pdly=%d is outside the 8192-sample ring: the flow plays at the "
                "wrong time", x.pdly);
+    check_limcom(p.line, x.limcom_params);
     check_fmt(p, x.fmt);
 }
 
@@ -373,6 +384,7 @@ void check_src(pass &p, const src &s)
     if (strncmp(s.rtpa, "alsa:", 5) != 0 && (s.rtp_ptime_samples < 48 || s.rtp_ptime_samples > 20 * 48))
         report(p.line, "warning", "ptime=%d ms is outside 1..20: the stream's packets are not "
                "what a receiver expects", s.rtp_ptime_samples / 48);
+    check_limcom(p.line, s.limcom_params);
     check_fmt(p, s.fmt);
 }
 

@@ -7,6 +7,9 @@
 #include <speex/speex_echo.h>
 #include <speex/speex_preprocess.h>
 #endif
+#ifdef AEC_HAVE_AEC3
+#include <webrtc_aec3_shim.h>
+#endif
 #ifdef AEC_HAVE_WEBRTC
 #include <webrtc/modules/audio_processing/include/audio_processing.h>
 #include <webrtc/modules/interface/module_common_types.h>
@@ -90,7 +93,33 @@ void wrtc_destroy(void *h)
     delete w;
 }
 #endif
+
+#ifdef AEC_HAVE_AEC3
+// AEC3 with noise suppression off; it estimates the delay itself.
+void *aec3_create() { return webrtc_aec3_create(-1); }
+void aec3_process(void *h, const int16_t *spk, const int16_t *mic, int16_t *out)
+{
+    if (webrtc_aec3_process(static_cast<WebrtcAec3 *>(h), spk, mic, out, 0) != 0)
+        std::memset(out, 0, 480 * sizeof(int16_t));
+}
+void aec3_destroy(void *h) { webrtc_aec3_destroy(static_cast<WebrtcAec3 *>(h)); }
+#endif
 } // namespace
+
+const char *aec_missing_references()
+{
+    return ""
+#ifndef AEC_HAVE_SPEEXDSP
+           " speexdsp (libspeexdsp-dev not found)"
+#endif
+#ifndef AEC_HAVE_WEBRTC
+           " webrtc-ap 0.3 (libwebrtc-audio-processing-dev not found)"
+#endif
+#ifndef AEC_HAVE_AEC3
+           " AEC3 (prebuilt shim not found: set PELOD_AEC3_DIR)"
+#endif
+        ;
+}
 
 std::vector<aec_backend> aec_backends()
 {
@@ -100,6 +129,9 @@ std::vector<aec_backend> aec_backends()
 #endif
 #ifdef AEC_HAVE_WEBRTC
     b.push_back({"webrtc-ap 0.3", wrtc_create, wrtc_process, wrtc_destroy});
+#endif
+#ifdef AEC_HAVE_AEC3
+    b.push_back({"AEC3 (wap 2.1)", aec3_create, aec3_process, aec3_destroy});
 #endif
     return b;
 }

@@ -1,5 +1,5 @@
 // Cancellers the benchmark can run on the same signals: ours always, the
-// two public references when their development packages were found at
+// public references (speexdsp, webrtc 0.3, AEC3) when their development packages were found at
 // configure time (comparison only; nothing else links them).
 #pragma once
 #include <cstdint>
@@ -13,3 +13,5 @@ struct aec_backend {
 };
 
 std::vector<aec_backend> aec_backends();
+// The references this build lacks, as text (empty when none).
+const char *aec_missing_references();

@@ -189,14 +189,14 @@ std::vector<double> aec_white(uint32_t seed, int samples, double rms_dbfs)
     return x;
 }
 
-aec_scenario aec_make_scenario(double rt60, uint32_t seed)
+aec_scenario aec_make_scenario(double rt60, uint32_t seed, const aec_variant &v)
 {
     using tl = aec_timeline;
     const int n = int(tl::total * AEC_RATE);
     auto at = [](double s) { return int(s * AEC_RATE); };
     aec_scenario sc;
     sc.rt60 = rt60;
-    std::vector<double> far = aec_speech(seed, n, -24.0);
+    std::vector<double> far = v.white_far ? aec_white(seed + 7, n, -30.0) : aec_speech(seed, n, -24.0);
     for (int i = at(tl::fst_end); i < at(tl::dt_begin); i++)
         far[size_t(i)] = 0.0; // the far end is silent during near-end single talk
     std::vector<double> nearv = aec_speech(seed + 1000, n, -30.0);
@@ -204,8 +204,12 @@ aec_scenario aec_make_scenario(double rt60, uint32_t seed)
         if (i < at(tl::nst_begin) || (i >= at(tl::nst_end) && i < at(tl::dt_begin)) || i >= at(tl::change))
             nearv[size_t(i)] = 0.0;
     // Two echo paths: the second takes over at the change.
-    const std::vector<double> h1 = aec_room(seed + 1, rt60, 480), h2 = aec_room(seed + 2, rt60, 720);
-    std::vector<double> e1 = aec_convolve(far, h1), e2 = aec_convolve(far, h2);
+    const std::vector<double> h1 = aec_room(seed + 1, rt60, v.bulk), h2 = aec_room(seed + 2, rt60, v.bulk + 240);
+    std::vector<double> played = far;
+    if (v.drive > 0.0)
+        for (double &x : played)
+            x = std::tanh(v.drive * x) / v.drive;
+    std::vector<double> e1 = aec_convolve(played, h1), e2 = aec_convolve(played, h2);
     // ERL 8 dB over the first far-end segment, the same gain for both paths.
     const double pf = aec_power(far, 0, at(tl::fst_end)), pe = aec_power(e1, 0, at(tl::fst_end));
     const double g = std::sqrt(pf * std::pow(10.0, -0.8) / pe);
@@ -230,4 +234,21 @@ aec_scenario aec_make_scenario(double rt60, uint32_t seed)
         sc.far_active[size_t(i)] = env > 1e-6;
     }
     return sc;
+}
+
+std::vector<double> aec_stft_power(const std::vector<double> &x, int from, int to)
+{
+    constexpr int win = 960, hop = 480, nfft = 1024;
+    std::vector<double> w(win), out;
+    for (int i = 0; i < win; i++)
+        w[size_t(i)] = 0.5 - 0.5 * std::cos(2.0 * M_PI * (i + 0.5) / win);
+    std::vector<std::complex<double>> a(nfft);
+    for (int s = from; s + win <= to; s += hop) {
+        for (int i = 0; i < nfft; i++)
+            a[size_t(i)] = i < win ? x[size_t(s + i)] * w[size_t(i)] : 0.0;
+        fft(a, false);
+        for (int k = 0; k < AEC_STFT_BINS; k++)
+            out.push_back(std::norm(a[size_t(k)]));
+    }
+    return out;
 }

@@ -41,5 +41,17 @@ struct aec_scenario {
     std::vector<uint8_t> far_active; // per sample: far end speaking (for convergence windows)
 };
 
+// Variants of the scenario: loudspeaker saturation (echo made from
+// tanh(drive x) / drive; 0 = linear), the bulk delay of the echo paths in
+// samples, and a white far end instead of speech (full band).
+struct aec_variant {
+    double drive = 0.0;
+    int bulk = 480;
+    bool white_far = false;
+};
 // The whole scenario for one room (ERL 8 dB, noise -65 dBFS).
-aec_scenario aec_make_scenario(double rt60, uint32_t seed);
+aec_scenario aec_make_scenario(double rt60, uint32_t seed, const aec_variant &v = {});
+// Power spectra of 20 ms Hann frames (960 samples, hop 480) of x[from..to):
+// frame-major, 513 bins (0..24 kHz) per frame.
+inline constexpr int AEC_STFT_BINS = 513;
+std::vector<double> aec_stft_power(const std::vector<double> &x, int from, int to);

@@ -247,8 +247,8 @@ static void cap_sign_extend(int32_t *samples) noexcept
         alsa_cap_peak = peak;
 }
 
-// Debug line without stdio (the cycle shares the supervisor's stdio locks),
-// queued for the supervisor to print.
+// Debug line without stdio (the cycle must not wait for the supervisor's
+// stdio locks), queued for the supervisor to print.
 static void cap_print_short(snd_pcm_sframes_t r) noexcept
 {
     char line[40];

@@ -37,6 +37,10 @@ void mix_render_alsa_src(const struct rtp_src *src, int32_t *buf) noexcept;
 // [rt] Block step 3: captured samples into the ring of every sound-card flow.
 void mix_mic_to_ring(const int32_t *buf, uint32_t rtp_ts) noexcept;
 
+// [rt] Flush-to-zero for the calling context's floating point (x86 also
+// denormal inputs as zero; armhf FPSCR.FZ).
+void rt_flush_denormals() noexcept;
+
 // Body of the real-time context (made with clone). Returns 0 after a
 // stop, 1 when the timer cannot be created.
 int mix_run(void *arg);

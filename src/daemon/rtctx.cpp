@@ -39,7 +39,8 @@ pid_t rt_context_start(rt_context *c, int (*fn)(void *), void *arg, size_t stack
     *c = rt_context{};
     c->pid = -1;
     c->stack_size = stack_size;
-    c->stack = mmap(nullptr, stack_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+    c->stack = mmap(nullptr, stack_size, PROT_READ | PROT_WRITE,
+                    MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
     if (c->stack == MAP_FAILED) {
         c->stack = nullptr;
         perror("pelod: mmap");

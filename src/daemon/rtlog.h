@@ -1,6 +1,6 @@
-// Reports from the real-time cycle. The cycle shares the supervisor's stdio
-// locks (same thread-local storage), so it never calls perror or printf; and
-// a write to a terminal, pipe or slow file can block, so it does not write
+// Reports from the real-time cycle. The cycle must never wait for a stdio
+// lock the supervisor holds, so it never calls perror or printf; and a
+// write to a terminal, pipe or slow file can block, so it does not write
 // either: a report is put into a fixed lock-free queue that the supervisor
 // drains to its descriptor (rt_log_drain). When the queue is full the report
 // is dropped and counted.

@@ -79,17 +79,6 @@ EAEC_STATUS frame_setup(int sfreq, int frame_length, int *hop, int *nfft)
 }
 } // namespace
 
-void *eaec_calloc(size_t bytes)
-{
-    const size_t rounded = (bytes + 63) & ~size_t{63};
-    void *p = aligned_alloc(64, rounded ? rounded : 64);
-    if (p)
-        memset(p, 0, rounded ? rounded : 64);
-    return p;
-}
-
-void eaec_free(void *ptr) { free(ptr); }
-
 int eaec_getLibInfo(LIB_INFO *info)
 {
     if (!info)

@@ -10,7 +10,9 @@
 //   while the background does clearly better) makes the output, so double
 //   talk cannot throw the output filter off
 //   e and y -> sqrt-Hann analysis -> residual-echo and noise suppression
-//   -> synthesis, overlap-add -> 16-bit output, one hop later.
+//   gain per bin -> minimum-phase filter (real cepstrum) applied to e by
+//   overlap-save, cross-faded from the previous frame's filter over the
+//   frame -> 16-bit output of the same frame: the processor adds no delay.
 //
 // Single-precision float throughout: the far-end power spans more than
 // 90 dB and the filter's per-bin normalisation would need block-floating
@@ -27,7 +29,7 @@ inline constexpr int EAEC_HOP_MAX = 512;
 inline constexpr int EAEC_KPAD_MAX = (EAEC_BIN_MAX + 3) & ~3; // 516
 inline constexpr int EAEC_CHAN_MAX = 2;
 inline constexpr int EAEC_TAIL_MS = 200;  // echo tail covered after the bulk delay
-inline constexpr int EAEC_ADAPT_HZ = 12000; // upper edge of the adaptive filter's band
+inline constexpr int EAEC_ADAPT_HZ = 24000; // upper edge of the adaptive filter's band
 inline constexpr int EAEC_PART_MAX = 64;
 inline constexpr int EAEC_LAGS = 3; // frame lags tried by the coherence
 
@@ -58,9 +60,9 @@ struct eaec_chan {
     float err_bg, err_fg, err_mic;     // smoothed error energies of the two, and the mic's
     float part_norm[EAEC_PART_MAX];    // |W_p| of the background
     float part_gain[EAEC_PART_MAX];    // step share of each partition (sum 1)
-    float e_hist[EAEC_HOP_MAX];        // previous frame's error and echo
-    float y_hist[EAEC_HOP_MAX];        //   estimate (first window half)
-    float ola[EAEC_HOP_MAX];           // synthesis overlap
+    float e_hist[EAEC_FFT_MAX];        // the error's last M - N samples (output filter, analysis)
+    float y_hist[EAEC_HOP_MAX];        // previous frame's echo estimate (analysis)
+    alignas(16) float h_re[EAEC_KPAD_MAX], h_im[EAEC_KPAD_MAX]; // previous frame's output filter
     alignas(16) float s_ee[EAEC_KPAD_MAX], s_yy[EAEC_KPAD_MAX]; // smoothed powers
     alignas(16) float m_e[EAEC_KPAD_MAX], m_y[EAEC_KPAD_MAX];   // slow means for the leak
     alignas(16) float r_ey[EAEC_KPAD_MAX], r_yy[EAEC_KPAD_MAX]; // leak regression
@@ -95,6 +97,7 @@ void eaec_free_state(const eaec_params *p, eaec_state *s);
 // [sup] Sets a freshly allocated state to its starting values.
 void eaec_reset_state(const eaec_params *p, eaec_state *s);
 
-// Library platform layer: aligned, zero-filled allocation and its release.
+// Library platform layer: aligned, zero-filled allocation and its release
+// (with the frame processor, so the interface layer above only calls down).
 void *eaec_calloc(size_t bytes);
 void eaec_free(void *ptr);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <type_traits>
 
@@ -21,7 +22,7 @@ constexpr float PROPORTIONATE_SHARE = 0.5f; // of the step, by partition norm
 
 // The process-wide scratch area: one frame at a time borrows it (the
 // real-time cycle is the only caller), so no frame allocates.
-constexpr int SPECTRA = 10; // per-bin rows below
+constexpr int SPECTRA = 12; // per-bin rows below
 constexpr int SCRATCH_FLOATS = EAEC_FFT_WORK + 4 * EAEC_FFT_MAX + SPECTRA * EAEC_KPAD_MAX;
 alignas(64) float scratch[SCRATCH_FLOATS];
 
@@ -33,6 +34,7 @@ struct frame_scratch {
     float *ys_re, *ys_im; // analysis spectrum of the echo estimate
     float *g_re, *g_im;   // step-scaled error spectrum
     float *mu, *pe;
+    float *h_re, *h_im;   // this frame's output filter
 };
 
 frame_scratch borrow_scratch()
@@ -45,7 +47,7 @@ frame_scratch borrow_scratch()
     f.t2 = q; q += EAEC_FFT_MAX;
     f.t3 = q; q += EAEC_FFT_MAX;
     float **rows[SPECTRA] = {&f.y_re, &f.y_im, &f.es_re, &f.es_im, &f.ys_re,
-                             &f.ys_im, &f.g_re, &f.g_im, &f.mu, &f.pe};
+                             &f.ys_im, &f.g_re, &f.g_im, &f.mu, &f.pe, &f.h_re, &f.h_im};
     for (float **r : rows) {
         *r = q;
         q += EAEC_KPAD_MAX;
@@ -69,6 +71,84 @@ void analyse(const eaec_params *p, const float *prev, const float *cur, float *b
         re[k] = im[k] = 0.0f; // the per-bin loops run over the padding too
 }
 
+// Fast approximations for the output filter, relative error about 1e-6
+// over the ranges used there.
+float fast_ln(float x) noexcept // x normal and > 0
+{
+    uint32_t i;
+    std::memcpy(&i, &x, sizeof i);
+    const float e = float(int((i >> 23) & 255u) - 127);
+    i = (i & 0x7FFFFFu) | 0x3F800000u; // mantissa in [1, 2)
+    float m;
+    std::memcpy(&m, &i, sizeof m);
+    float ex = e;
+    if (m > 1.41421356f) { // into [0.707, 1.414), where the series converges faster
+        m *= 0.5f;
+        ex += 1.0f;
+    }
+    const float t = (m - 1.0f) / (m + 1.0f), t2 = t * t;
+    return ex * 0.69314718f + 2.0f * t * (1.0f + t2 * (1.0f / 3.0f + t2 * (0.2f + t2 * (1.0f / 7.0f + t2 * (1.0f / 9.0f)))));
+}
+
+float fast_exp(float y) noexcept // y in [-80, 80]
+{
+    const float z = y * 1.44269504f, fl = std::floor(z), fr = (z - fl) * 0.69314718f;
+    const float poly = 1.0f + fr * (1.0f + fr * (0.5f + fr * (1.0f / 6.0f + fr * (1.0f / 24.0f + fr * (1.0f / 120.0f + fr * (1.0f / 720.0f))))));
+    const uint32_t bits = uint32_t(int(fl) + 127) << 23;
+    float scale;
+    std::memcpy(&scale, &bits, sizeof scale);
+    return poly * scale;
+}
+
+// sin and cos of any finite r: reduced to [-pi, pi], then from the half angle.
+void fast_sincos(float r, float *sn, float *cs) noexcept
+{
+    constexpr float TWO_PI = 6.28318531f;
+    const float h = 0.5f * (r - TWO_PI * std::nearbyint(r * (1.0f / TWO_PI))), h2 = h * h;
+    const float s = h * (1.0f - h2 * (1.0f / 6.0f - h2 * (1.0f / 120.0f - h2 * (1.0f / 5040.0f - h2 * (1.0f / 362880.0f)))));
+    const float c = 1.0f - h2 * (0.5f - h2 * (1.0f / 24.0f - h2 * (1.0f / 720.0f - h2 * (1.0f / 40320.0f))));
+    *sn = 2.0f * s * c;
+    *cs = 1.0f - 2.0f * s * s;
+}
+
+constexpr float GAIN_MIN = 1e-5f; // -100 dB: below every configured floor
+
+// The minimum-phase filter whose magnitude is gain: the log magnitude's
+// real cepstrum folded onto positive quefrencies, transformed back and
+// exponentiated. A short causal filter, so applying it adds no delay.
+void min_phase(const eaec_params *p, const float *gain, float *h_re, float *h_im, float *t, float *work) noexcept
+{
+    const int m = p->nfft, nb = p->nbin;
+    for (int k = 0; k < nb; k++) {
+        const float g = gain[k];
+        h_re[k] = fast_ln(g > GAIN_MIN ? (g < 1.0f ? g : 1.0f) : GAIN_MIN);
+        h_im[k] = 0.0f;
+    }
+    eaec_irfft(&p->fft, h_re, h_im, t, work);
+    for (int i = 1; i < m / 2; i++)
+        t[i] *= 2.0f;
+    for (int i = m / 2 + 1; i < m; i++)
+        t[i] = 0.0f;
+    eaec_rfft(&p->fft, t, h_re, h_im, work);
+    for (int k = 0; k < nb; k++) {
+        float sn, cs;
+        const float a = fast_exp(h_re[k] < 0.0f ? h_re[k] : 0.0f);
+        fast_sincos(h_im[k], &sn, &cs);
+        h_re[k] = a * cs;
+        h_im[k] = a * sn;
+    }
+    for (int k = nb; k < p->kpad; k++)
+        h_re[k] = h_im[k] = 0.0f;
+}
+
+uint32_t lcg(uint32_t &r)
+{
+    r = r * 1664525u + 1013904223u;
+    return r;
+}
+// Uniform in [-1, 1).
+float uniform(uint32_t &r) { return float(int32_t(lcg(r))) * (1.0f / 2147483648.0f); }
+
 int16_t to_pcm(float v) noexcept
 {
     const float s = v * PCM_OUT;
@@ -89,10 +169,53 @@ void chan_reset(const eaec_params *p, eaec_chan *c, int index)
     c->f_im = bufs[3];
     for (float *b : bufs)
         std::memset(b, 0, sizeof(float) * size_t(p->npart * p->kpad));
+    for (int k = 0; k < EAEC_KPAD_MAX; k++)
+        c->h_re[k] = 1.0f; // the output filter starts as identity
     c->leak = 1.0f;
     c->rng = 0x2545F491u + uint32_t(index) * 0x9E3779B9u;
     for (int k = 0; k < EAEC_KPAD_MAX; k++)
         c->noise[k] = 1.0f; // falls to the first frames' level at once
+}
+
+// Applies this frame's gain to the error e[0..n-1] without delay: the
+// minimum-phase filters of this frame and of the previous one run over the
+// last M error samples (overlap-save), with the same comfort noise added,
+// and their outputs are cross-faded over the frame.
+void output_stage(const eaec_params *p, eaec_chan *c, const float *e, const float *gain, const float *comfort,
+                  INT_PCM *out, const frame_scratch &f) noexcept
+{
+    const int n = p->hop, m = p->nfft, nb = p->nbin;
+    min_phase(p, gain, f.h_re, f.h_im, f.t2, f.work);
+    std::memcpy(f.t2, c->e_hist, sizeof(float) * size_t(m - n));
+    std::memcpy(f.t2 + (m - n), e, sizeof(float) * size_t(n));
+    std::memmove(c->e_hist, f.t2 + n, sizeof(float) * size_t(m - n));
+    float *xr = f.es_re, *xi = f.es_im, *yr = f.ys_re, *yi = f.ys_im; // the analysis spectra are used
+    eaec_rfft(&p->fft, f.t2, xr, xi, f.work);
+    // Uniform components have power 1/3 each; the analysis window's power
+    // is N, this block's M.
+    const float cscale = 1.5f * float(m) / float(n);
+    for (int k = 0; k < nb; k++) {
+        float cr = 0.0f, ci = 0.0f;
+        if (comfort[k] > 0.0f) {
+            const float a = std::sqrt(cscale * comfort[k]);
+            cr = a * uniform(c->rng);
+            ci = a * uniform(c->rng);
+        }
+        const float ur = xr[k], ui = xi[k];
+        yr[k] = f.h_re[k] * ur - f.h_im[k] * ui + cr;
+        yi[k] = f.h_re[k] * ui + f.h_im[k] * ur + ci;
+        xr[k] = c->h_re[k] * ur - c->h_im[k] * ui + cr;
+        xi[k] = c->h_re[k] * ui + c->h_im[k] * ur + ci;
+    }
+    eaec_irfft(&p->fft, yr, yi, f.t2, f.work);
+    eaec_irfft(&p->fft, xr, xi, f.t1, f.work);
+    const float *now = f.t2 + (m - n), *before = f.t1 + (m - n);
+    for (int i = 0; i < n; i++) {
+        const float r = p->window[i] * p->window[i]; // rises from 0 to 1 over the frame
+        out[i] = to_pcm(before[i] + r * (now[i] - before[i]));
+    }
+    std::memcpy(c->h_re, f.h_re, sizeof(float) * size_t(p->kpad));
+    std::memcpy(c->h_im, f.h_im, sizeof(float) * size_t(p->kpad));
 }
 
 void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const short *mic, INT_PCM *out,
@@ -138,12 +261,13 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
         }
     }
 
-    analyse(p, c->e_hist, e, f.t2, f.es_re, f.es_im, f.work);
+    analyse(p, c->e_hist + (m - 2 * n), e, f.t2, f.es_re, f.es_im, f.work);
     analyse(p, c->y_hist, yhat, f.t2, f.ys_re, f.ys_im, f.work);
-    std::memcpy(c->e_hist, e, sizeof(float) * size_t(n));
     std::memcpy(c->y_hist, yhat, sizeof(float) * size_t(n));
 
-    const supp_frame sf = supp_analyse(p, s, c, f.es_re, f.es_im, f.ys_re, f.ys_im, far_active, f.pe);
+    // Digital silence (below one 16-bit step) leaves the noise estimate alone.
+    const int mic_silent = en_d < float(n) * 1e-10f;
+    const supp_frame sf = supp_analyse(p, s, c, f.es_re, f.es_im, f.ys_re, f.ys_im, far_active, mic_silent, f.pe);
     if (!std::isfinite(sf.sum_e + sf.sum_y + c->leak + c->err_fg + c->err_bg)) {
         // Nothing should get here; if it does, start the channel afresh
         // rather than stay silent.
@@ -181,14 +305,21 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
             afilt_constrain(p, c, f.t2, f.work);
     }
 
-    supp_apply(p, c, f.es_re, f.es_im, f.pe);
-    eaec_irfft(&p->fft, f.es_re, f.es_im, f.t2, f.work);
-    for (int i = 0; i < n; i++) {
-        out[i] = to_pcm(c->ola[i] + f.t2[i] * p->window[i]);
-        c->ola[i] = f.t2[n + i] * p->window[n + i];
-    }
+    supp_gain(p, c, f.mu, f.pe);
+    output_stage(p, c, e, f.mu, f.pe, out, f);
 }
 } // namespace
+
+void *eaec_calloc(size_t bytes)
+{
+    const size_t rounded = (bytes + 63) & ~size_t{63};
+    void *p = aligned_alloc(64, rounded ? rounded : 64);
+    if (p)
+        memset(p, 0, rounded ? rounded : 64);
+    return p;
+}
+
+void eaec_free(void *ptr) { free(ptr); }
 
 void eaec_lib_startup(void)
 {

@@ -28,14 +28,6 @@ constexpr float COH_RATE = 0.1f;      // cross-spectrum smoothing per frame
 // weighted up, they leave double-talk loss under 2 dB on the benchmark.
 constexpr float LEAK_WEIGHT = 4.0f;
 constexpr float COH_WEIGHT = 4.0f;
-
-uint32_t lcg(uint32_t &r)
-{
-    r = r * 1664525u + 1013904223u;
-    return r;
-}
-// Uniform in [-1, 1).
-float uniform(uint32_t &r) { return float(int32_t(lcg(r))) * (1.0f / 2147483648.0f); }
 } // namespace
 
 // Cross spectra of the far end at lags 0..EAEC_LAGS-1 frames with the
@@ -83,7 +75,7 @@ static void coherence(const eaec_params *p, const eaec_state *s, eaec_chan *c, c
 
 supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *e_re,
                         const float *e_im, const float *y_re, const float *y_im, int far_active,
-                        float *pe) noexcept
+                        int mic_silent, float *pe) noexcept
 {
     const int kp = p->kpad;
     const v4 smooth = v4_dup(POW_SMOOTH);
@@ -127,6 +119,8 @@ supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c,
         }
     }
     coherence(p, s, c, e_re, e_im, far_active);
+    if (mic_silent)
+        return f;
     const v4 fall = v4_dup(NOISE_FALL), rise = v4_dup(NOISE_RISE), lift = v4_dup(1e-16f);
     for (int k = 0; k < kp; k += 4) {
         const v4 v = v4_load(c->s_ee + k), nz = v4_load(c->noise + k);
@@ -151,7 +145,7 @@ void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept
     }
 }
 
-void supp_apply(const eaec_params *p, eaec_chan *c, float *e_re, float *e_im, float *pe) noexcept
+void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe) noexcept
 {
     const int kp = p->kpad, nb = p->nbin;
     const v4 fe = v4_dup(p->floor_echo), fn = v4_dup(p->floor_noise), tiny = v4_dup(TINY), one = v4_dup(1.0f);
@@ -166,17 +160,9 @@ void supp_apply(const eaec_params *p, eaec_chan *c, float *e_re, float *e_im, fl
         const v4 g = v4_div(prio, v4_add(one, prio));
         const v4 g2 = v4_max(v4_mul(g, g), v4_div(v4_mma(fe, echo, fn, noise), interf));
         v4_store(c->snr_prev + k, v4_mul(g2, post));
-        const v4 gain = v4_sqrt(g2);
-        v4_store(e_re + k, v4_mul(v4_load(e_re + k), gain));
-        v4_store(e_im + k, v4_mul(v4_load(e_im + k), gain));
-        v4_store(pe + k, v4_mul(v4_sub(fn, g2), noise)); // comfort noise power, used below
+        v4_store(gain_out + k, v4_sqrt(g2));
+        v4_store(pe + k, v4_max(zero, v4_mul(v4_sub(fn, g2), noise))); // comfort noise power
     }
-    for (int k = 0; k < nb; k++) {
-        if (pe[k] > 0.0f) {
-            // Uniform components have power 1/3 each: scale to the comfort power.
-            const float a = std::sqrt(1.5f * pe[k]);
-            e_re[k] += a * uniform(c->rng);
-            e_im[k] += a * uniform(c->rng);
-        }
-    }
+    for (int k = nb; k < kp; k++)
+        gain_out[k] = pe[k] = 0.0f;
 }

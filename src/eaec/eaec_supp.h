@@ -9,7 +9,8 @@
 // minimum tracking. The gain is a decision-directed Wiener gain whose
 // power floor is floor_echo for residual echo and floor_noise for noise;
 // comfort noise keeps the noise floor at floor_noise wherever the echo
-// floor cut deeper, so suppression does not pump the background.
+// floor cut deeper, so suppression does not pump the background. The gain
+// is applied by the frame's output stage as a minimum-phase filter.
 #pragma once
 #include "eaec/eaec_core.h"
 
@@ -20,18 +21,19 @@ struct supp_frame {
 };
 
 // [rt] Updates the smoothed powers, the leak regression (only while the
-// far end is active) and the noise estimate. pe receives |E|^2 per bin.
+// far end is active) and the noise estimate (held while the microphone
+// carries digital silence, so a paused stream does not empty it). pe receives |E|^2 per bin.
 // The error's part coherent with the far end (the newest far-end spectra
 // of the ring, at the best of EAEC_LAGS frame lags) goes to coh_echo.
 supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *e_re,
                         const float *e_im, const float *y_re, const float *y_im, int far_active,
-                        float *pe) noexcept;
+                        int mic_silent, float *pe) noexcept;
 // [rt] Step size per bin of the background filter into mu: the larger of
 // the leak's share of the error power and the error's coherence with the
 // far end, so adaptation slows down in double talk and speeds up after an
 // echo-path change; mu_init until the leak is known.
 void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept;
-// [rt] Applies the suppression gain and comfort noise to E in place; pe
-// is used up (it holds the comfort noise power afterwards). Every per-bin
-// array is kpad long and 16-byte aligned.
-void supp_apply(const eaec_params *p, eaec_chan *c, float *e_re, float *e_im, float *pe) noexcept;
+// [rt] The suppression gain (amplitude) per bin into gain; pe is used up
+// (it holds the comfort noise power afterwards, in analysis units). Every
+// per-bin array is kpad long and 16-byte aligned.
+void supp_gain(const eaec_params *p, eaec_chan *c, float *gain, float *pe) noexcept;

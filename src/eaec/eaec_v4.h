@@ -1,9 +1,9 @@
 // Four float lanes for the canceller's per-bin and FFT loops: NEON q
-// registers on the board (intrinsics: GCC keeps generic float vectors off
-// NEON there, NEON not being IEEE-exact for denormals), GCC vectors (SSE)
-// elsewhere. Every pointer handed to v4_load/v4_store is 16-byte aligned;
+// registers on the board, SSE on x86, plain four-float records on anything
+// else; intrinsics only, so every compiler builds them alike. Every pointer handed to v4_load/v4_store is 16-byte aligned;
 // the u forms and the (de)interleaving ones take any float pointer.
 #pragma once
+#include <cmath>
 #if defined(__ARM_NEON)
 #include <arm_neon.h>
 typedef float32x4_t v4;
@@ -39,45 +39,6 @@ inline void v4_store_pairs(float *dst, v4 even, v4 odd) noexcept
     float32x4x2_t q = {{even, odd}};
     vst2q_f32(dst, q);
 }
-#else
-typedef float v4 __attribute__((vector_size(16)));
-inline v4 v4_load(const float *p) noexcept { return *reinterpret_cast<const v4 *>(p); }
-inline void v4_store(float *p, v4 v) noexcept { *reinterpret_cast<v4 *>(p) = v; }
-inline v4 v4_dup(float x) noexcept { return v4{x, x, x, x}; }
-inline v4 v4_add(v4 a, v4 b) noexcept { return a + b; }
-inline v4 v4_sub(v4 a, v4 b) noexcept { return a - b; }
-inline v4 v4_mul(v4 a, v4 b) noexcept { return a * b; }
-inline v4 v4_loadu(const float *p) noexcept
-{
-    v4 v;
-    __builtin_memcpy(&v, p, sizeof v);
-    return v;
-}
-inline void v4_storeu(float *p, v4 v) noexcept { __builtin_memcpy(p, &v, sizeof v); }
-typedef int v4i __attribute__((vector_size(16)));
-inline v4 v4_rev(v4 v) noexcept { return __builtin_shuffle(v, v4i{3, 2, 1, 0}); }
-inline void v4_store_interleaved(float *dst, v4 a, v4 b, v4 c, v4 d) noexcept
-{
-    const v4 ab_lo = __builtin_shuffle(a, b, v4i{0, 4, 1, 5}), ab_hi = __builtin_shuffle(a, b, v4i{2, 6, 3, 7});
-    const v4 cd_lo = __builtin_shuffle(c, d, v4i{0, 4, 1, 5}), cd_hi = __builtin_shuffle(c, d, v4i{2, 6, 3, 7});
-    v4_storeu(dst, __builtin_shuffle(ab_lo, cd_lo, v4i{0, 1, 4, 5}));
-    v4_storeu(dst + 4, __builtin_shuffle(ab_lo, cd_lo, v4i{2, 3, 6, 7}));
-    v4_storeu(dst + 8, __builtin_shuffle(ab_hi, cd_hi, v4i{0, 1, 4, 5}));
-    v4_storeu(dst + 12, __builtin_shuffle(ab_hi, cd_hi, v4i{2, 3, 6, 7}));
-}
-inline void v4_load_deinterleaved(const float *src, v4 *even, v4 *odd) noexcept
-{
-    const v4 a = v4_loadu(src), b = v4_loadu(src + 4);
-    *even = __builtin_shuffle(a, b, v4i{0, 2, 4, 6});
-    *odd = __builtin_shuffle(a, b, v4i{1, 3, 5, 7});
-}
-inline void v4_store_pairs(float *dst, v4 even, v4 odd) noexcept
-{
-    v4_storeu(dst, __builtin_shuffle(even, odd, v4i{0, 4, 1, 5}));
-    v4_storeu(dst + 4, __builtin_shuffle(even, odd, v4i{2, 6, 3, 7}));
-}
-#endif
-#if defined(__ARM_NEON)
 inline v4 v4_min(v4 a, v4 b) noexcept { return vminq_f32(a, b); }
 inline v4 v4_max(v4 a, v4 b) noexcept { return vmaxq_f32(a, b); }
 // a < b ? x : y, lane by lane.
@@ -100,19 +61,98 @@ inline v4 v4_sqrt(v4 x) noexcept
     r = vmulq_f32(r, vrsqrtsq_f32(vmulq_f32(x, r), r));
     return vbslq_f32(vcgtq_f32(x, vdupq_n_f32(0.0f)), vmulq_f32(x, r), vdupq_n_f32(0.0f));
 }
-#else
-inline v4 v4_min(v4 a, v4 b) noexcept { return a < b ? a : b; }
-inline v4 v4_max(v4 a, v4 b) noexcept { return a > b ? a : b; }
-inline v4 v4_select_lt(v4 a, v4 b, v4 x, v4 y) noexcept { return a < b ? x : y; }
-inline v4 v4_div(v4 a, v4 b) noexcept { return a / b; }
-inline v4 v4_sqrt(v4 x) noexcept
+#elif defined(__SSE__)
+#include <xmmintrin.h>
+typedef __m128 v4;
+inline v4 v4_load(const float *p) noexcept { return _mm_load_ps(p); }
+inline void v4_store(float *p, v4 v) noexcept { _mm_store_ps(p, v); }
+inline v4 v4_dup(float x) noexcept { return _mm_set1_ps(x); }
+inline v4 v4_add(v4 a, v4 b) noexcept { return _mm_add_ps(a, b); }
+inline v4 v4_sub(v4 a, v4 b) noexcept { return _mm_sub_ps(a, b); }
+inline v4 v4_mul(v4 a, v4 b) noexcept { return _mm_mul_ps(a, b); }
+inline v4 v4_loadu(const float *p) noexcept { return _mm_loadu_ps(p); }
+inline void v4_storeu(float *p, v4 v) noexcept { _mm_storeu_ps(p, v); }
+inline v4 v4_rev(v4 v) noexcept { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(0, 1, 2, 3)); }
+inline void v4_store_interleaved(float *dst, v4 a, v4 b, v4 c, v4 d) noexcept
 {
-#if defined(__SSE__)
-    return __builtin_ia32_sqrtps(x);
-#else
-    return v4{__builtin_sqrtf(x[0]), __builtin_sqrtf(x[1]), __builtin_sqrtf(x[2]), __builtin_sqrtf(x[3])};
-#endif
+    _MM_TRANSPOSE4_PS(a, b, c, d);
+    _mm_storeu_ps(dst, a);
+    _mm_storeu_ps(dst + 4, b);
+    _mm_storeu_ps(dst + 8, c);
+    _mm_storeu_ps(dst + 12, d);
 }
+inline void v4_load_deinterleaved(const float *src, v4 *even, v4 *odd) noexcept
+{
+    const v4 a = _mm_loadu_ps(src), b = _mm_loadu_ps(src + 4);
+    *even = _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+    *odd = _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+}
+inline void v4_store_pairs(float *dst, v4 even, v4 odd) noexcept
+{
+    _mm_storeu_ps(dst, _mm_unpacklo_ps(even, odd));
+    _mm_storeu_ps(dst + 4, _mm_unpackhi_ps(even, odd));
+}
+inline v4 v4_min(v4 a, v4 b) noexcept { return _mm_min_ps(a, b); }
+inline v4 v4_max(v4 a, v4 b) noexcept { return _mm_max_ps(a, b); }
+inline v4 v4_select_lt(v4 a, v4 b, v4 x, v4 y) noexcept
+{
+    const v4 m = _mm_cmplt_ps(a, b);
+    return _mm_or_ps(_mm_and_ps(m, x), _mm_andnot_ps(m, y));
+}
+inline v4 v4_div(v4 a, v4 b) noexcept { return _mm_div_ps(a, b); }
+inline v4 v4_sqrt(v4 x) noexcept { return _mm_sqrt_ps(x); }
+#else
+// Plain four-float records elsewhere: the same results lane by lane.
+struct v4 {
+    float l[4];
+};
+template <typename F> inline v4 v4_map(v4 a, v4 b, F f) noexcept
+{
+    return v4{{f(a.l[0], b.l[0]), f(a.l[1], b.l[1]), f(a.l[2], b.l[2]), f(a.l[3], b.l[3])}};
+}
+inline v4 v4_load(const float *p) noexcept { return v4{{p[0], p[1], p[2], p[3]}}; }
+inline void v4_store(float *p, v4 v) noexcept
+{
+    for (int i = 0; i < 4; i++)
+        p[i] = v.l[i];
+}
+inline v4 v4_dup(float x) noexcept { return v4{{x, x, x, x}}; }
+inline v4 v4_add(v4 a, v4 b) noexcept { return v4_map(a, b, [](float x, float y) { return x + y; }); }
+inline v4 v4_sub(v4 a, v4 b) noexcept { return v4_map(a, b, [](float x, float y) { return x - y; }); }
+inline v4 v4_mul(v4 a, v4 b) noexcept { return v4_map(a, b, [](float x, float y) { return x * y; }); }
+inline v4 v4_loadu(const float *p) noexcept { return v4_load(p); }
+inline void v4_storeu(float *p, v4 v) noexcept { v4_store(p, v); }
+inline v4 v4_rev(v4 v) noexcept { return v4{{v.l[3], v.l[2], v.l[1], v.l[0]}}; }
+inline void v4_store_interleaved(float *dst, v4 a, v4 b, v4 c, v4 d) noexcept
+{
+    for (int i = 0; i < 4; i++) {
+        dst[4 * i] = a.l[i];
+        dst[4 * i + 1] = b.l[i];
+        dst[4 * i + 2] = c.l[i];
+        dst[4 * i + 3] = d.l[i];
+    }
+}
+inline void v4_load_deinterleaved(const float *src, v4 *even, v4 *odd) noexcept
+{
+    *even = v4{{src[0], src[2], src[4], src[6]}};
+    *odd = v4{{src[1], src[3], src[5], src[7]}};
+}
+inline void v4_store_pairs(float *dst, v4 even, v4 odd) noexcept
+{
+    for (int i = 0; i < 4; i++) {
+        dst[2 * i] = even.l[i];
+        dst[2 * i + 1] = odd.l[i];
+    }
+}
+inline v4 v4_min(v4 a, v4 b) noexcept { return v4_map(a, b, [](float x, float y) { return x < y ? x : y; }); }
+inline v4 v4_max(v4 a, v4 b) noexcept { return v4_map(a, b, [](float x, float y) { return x > y ? x : y; }); }
+inline v4 v4_select_lt(v4 a, v4 b, v4 x, v4 y) noexcept
+{
+    return v4{{a.l[0] < b.l[0] ? x.l[0] : y.l[0], a.l[1] < b.l[1] ? x.l[1] : y.l[1], a.l[2] < b.l[2] ? x.l[2] : y.l[2],
+               a.l[3] < b.l[3] ? x.l[3] : y.l[3]}};
+}
+inline v4 v4_div(v4 a, v4 b) noexcept { return v4_map(a, b, [](float x, float y) { return x / y; }); }
+inline v4 v4_sqrt(v4 x) noexcept { return v4_map(x, x, [](float a, float) { return std::sqrt(a); }); }
 #endif
 // Sum of the four lanes, in a fixed order.
 inline float v4_hsum(v4 v) noexcept

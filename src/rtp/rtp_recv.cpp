@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <opus.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <type_traits>
 
@@ -131,21 +132,63 @@ int32_t rtp_seq_track(rtp_ep *ep, bool marker, uint16_t seq, uint32_t ts) noexce
     return step;
 }
 
-// Timing lock: a sender that runs ahead re-locks at once, one that falls
-// behind keeps the lock for 2.5 s. Returns the offset sender - local.
-uint32_t rtp_time_lock(rtp_ep *ep, uint32_t ts, int32_t step, uint32_t now) noexcept
+// Whether offset synt (sender - local) explains a datagram that ends at
+// sender time `end`: in local time its end lies no later than this
+// wake-up and no more than a window before the first block it plays.
+bool rtp_lock_fits(uint32_t synt, uint32_t end, const rtp_rx_time &t, int32_t window) noexcept
 {
-    const int32_t lag = int32_t((now - uint32_t(step)) - (ts - ep->synt));
+    const uint32_t at = end - synt; // local time of the datagram's end
+    return int32_t(t.wake - at) >= 0 && int32_t(t.block - at) <= window;
+}
+
+// The offset a re-lock takes. Streams with equal timestamps get one offset,
+// so they stay sample-aligned whichever wake-up happened to re-lock them.
+uint32_t rtp_relock_offset(const rtp_ep *ep, uint32_t ts, int32_t step, const rtp_rx_time &t,
+                           int32_t window) noexcept
+{
+    const uint32_t end = ts + uint32_t(step);
+    // A sender on our media clock: its end on the block boundary at or
+    // before the time its timestamp names.
+    const int32_t off = int32_t(end - t.wake) % MIX_BLOCK;
+    const uint32_t grid = uint32_t(off < 0 ? off + MIX_BLOCK : off);
+    if (rtp_lock_fits(grid, end, t, window))
+        return grid;
+    for (const rtp_dst &d : rtp_dsts) {
+        const rtp_ep &o = d.ep;
+        if (&o != ep && o.run && o.dst && o.sa_dst.sin_family == AF_INET &&
+            rtp_lock_fits(o.synt, end, t, window))
+            return o.synt;
+    }
+    // one packet time before the end of the block that has just ended
+    return ts - (t.wake - uint32_t(MIX_BLOCK) - uint32_t(step));
+}
+
+// Timing lock, for a datagram of `frames` samples (0: unknown). It arrived
+// after the previous wake-up (t.block) and before this one (t.wake): it
+// runs ahead only when its end lies after t.wake, and behind when it lies
+// more than a window before t.block. A late wake-up of our own therefore
+// never looks like a sender running ahead. Returns the offset
+// sender - local.
+uint32_t rtp_time_lock(rtp_ep *ep, uint32_t ts, int32_t step, int32_t frames, const rtp_rx_time &t) noexcept
+{
     const int32_t window = std::max(step, int32_t(MIX_BLOCK));
-    if (lag <= window) {
-        ep->buf_full_ts = now;
-        if (lag < 0)
-            ep->run = 0;
-    } else if (now - ep->buf_full_ts > uint32_t(RTP_LATE_TOLERANCE)) {
-        ep->run = 0;
+    const uint32_t at = ts + uint32_t(step) - ep->synt;
+    if (!ep->run) {
+        // the first datagram after a start or a marker: re-lock below
+    } else if (int32_t(t.wake - at) < 0) {
+        ep->run = 0; // ahead: re-lock at once
+        // a timestamp jump forward makes the step longer than the datagram:
+        // the audio it holds is its packet time
+        if (frames > 0 && frames < step)
+            step = frames;
+    } else if (int32_t(t.block - at) <= window) {
+        ep->buf_full_ts = t.block;
+    } else if (t.block - ep->buf_full_ts > uint32_t(RTP_LATE_TOLERANCE)) {
+        ep->run = 0; // behind for 2.5 s
     }
     if (!ep->run) {
-        ep->synt = ts - (now - uint32_t(step));
+        ep->synt = rtp_relock_offset(ep, ts, step, t, window);
+        ep->buf_full_ts = t.block;
         ep->rx_reset++;
     }
     return ep->synt;
@@ -180,28 +223,6 @@ in_addr_t rtp_pktinfo_dst(const msghdr *h) noexcept
         d = pi.ipi_addr.s_addr; // the last one wins
     }
     return d;
-}
-
-void rtp_sk_dispatch(rtp_sk *sk, in_addr_t dst_addr, uint32_t src_addr_h, const uint8_t *p, int l,
-                     uint32_t now) noexcept
-{
-    dlist *b = rtp_sk_ep_list(sk, dst_addr);
-    for (dlist *e = observe(b->next); e != b; e = observe(e->next)) {
-        rtp_ep *ep = dlist_entry(e, rtp_ep, rtp_sk_ep_list);
-        if (ep->sa_dst.sin_addr.s_addr != dst_addr)
-            continue;
-        if (ep->dst)
-            rtp_ep_recv_packet(ep, p, l, now);
-        rtp_ep_backoff_check(ep, src_addr_h, p, l);
-    }
-    if (in_addr_is_mcast(dst_addr))
-        return;
-    b = rtp_sk_ep_list(sk, INADDR_ANY);
-    for (dlist *e = observe(b->next); e != b; e = observe(e->next)) {
-        rtp_ep *ep = dlist_entry(e, rtp_ep, rtp_sk_ep_list);
-        if (ep->sa_dst.sin_addr.s_addr == INADDR_ANY && ep->dst)
-            rtp_ep_recv_packet(ep, p, l, now);
-    }
 }
 
 } // namespace
@@ -270,7 +291,29 @@ void rtp_ep_backoff_check(rtp_ep *ep, uint32_t src_addr_h, const uint8_t *packet
     ep->backoff_cnt = RTP_BACKOFF_ARMED;
 }
 
-void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, uint32_t rtp_ts_local) noexcept
+void rtp_sk_deliver(rtp_sk *sk, in_addr_t dst_addr, uint32_t src_addr_h, const uint8_t *p, int l,
+                    const rtp_rx_time &t) noexcept
+{
+    dlist *b = rtp_sk_ep_list(sk, dst_addr);
+    for (dlist *e = observe(b->next); e != b; e = observe(e->next)) {
+        rtp_ep *ep = dlist_entry(e, rtp_ep, rtp_sk_ep_list);
+        if (ep->sa_dst.sin_addr.s_addr != dst_addr)
+            continue;
+        if (ep->dst)
+            rtp_ep_recv_packet(ep, p, l, t);
+        rtp_ep_backoff_check(ep, src_addr_h, p, l);
+    }
+    if (in_addr_is_mcast(dst_addr))
+        return;
+    b = rtp_sk_ep_list(sk, INADDR_ANY);
+    for (dlist *e = observe(b->next); e != b; e = observe(e->next)) {
+        rtp_ep *ep = dlist_entry(e, rtp_ep, rtp_sk_ep_list);
+        if (ep->sa_dst.sin_addr.s_addr == INADDR_ANY && ep->dst)
+            rtp_ep_recv_packet(ep, p, l, t);
+    }
+}
+
+void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_time &t) noexcept
 {
     if (l < RTP_HDR_LEN)
         return;
@@ -300,9 +343,17 @@ void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, uint32_t rtp_t
         return;
     const uint32_t pdly =
         dst->pdly >= 1 ? dst->pdly : uint32_t(std::max(pdly_auto(step), int(pdly_samples_min)));
-    const uint32_t synt = rtp_time_lock(ep, ts, step, rtp_ts_local);
+    int32_t frames = 0; // the audio the datagram holds
+    if (dst->fmt.payload_format == RTP_FMT_OPUS) {
+        if (plen > 0)
+            frames = opus_packet_get_nb_samples(packet + hlen, plen, 48000);
+    } else if (channels > 0) {
+        const int frame_bytes = channels * (bits == 16 ? 2 : 3);
+        frames = (std::max(plen, 0) + frame_bytes - 1) / frame_bytes;
+    }
+    const uint32_t synt = rtp_time_lock(ep, ts, step, frames, t);
     const uint32_t pos = ts - synt + pdly;
-    if (pos - rtp_ts_local > uint32_t(MIX_RING_MASK + 1))
+    if (pos - t.block > uint32_t(MIX_RING_MASK + 1))
         ep->rx_late++; // written all the same: the counter only reports it
 
     if (plen > 0) {
@@ -319,36 +370,105 @@ void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, uint32_t rtp_t
     ep->run = 1;
 }
 
-void rtp_sk_recvm(rtp_sk *sk, uint32_t rtp_ts_local) noexcept
-{
-    rt_context_check("rtp_sk_recvm");
-    // the whole batch lives on the real-time stack (about 440 KiB of 4 MiB)
+namespace {
+
+// The receive batch, prepared once: a drain restores only the headers of
+// the datagrams it took in, instead of 256 of them per socket and wake-up.
+// Only the real-time context drains sockets, one at a time.
+struct rx_batch {
     std::array<std::array<uint8_t, RTP_MTU>, RTP_RECV_BATCH> bufs;
     alignas(cmsghdr) std::array<std::array<uint8_t, RTP_CTRL_LEN>, RTP_RECV_BATCH> ctrl;
     std::array<sockaddr_in, RTP_RECV_BATCH> names;
     std::array<iovec, RTP_RECV_BATCH> iov;
     std::array<mmsghdr, RTP_RECV_BATCH> msgs;
-    memset(msgs.data(), 0, sizeof msgs);
-    for (int j = 0; j < RTP_RECV_BATCH; j++) {
-        iov[j] = {bufs[j].data(), RTP_MTU};
+    bool ready;
+
+    void reset(int j) noexcept
+    {
         msghdr &h = msgs[j].msg_hdr;
-        h.msg_name = &names[j];
         h.msg_namelen = sizeof names[j];
-        h.msg_iov = &iov[j];
-        h.msg_iovlen = 1;
-        h.msg_control = ctrl[j].data();
         h.msg_controllen = RTP_CTRL_LEN;
+        h.msg_flags = 0;
+        msgs[j].msg_len = 0;
     }
-    const int n = recvmmsg(sk->fd, msgs.data(), RTP_RECV_BATCH, MSG_DONTWAIT, nullptr);
+    void prepare() noexcept
+    {
+        memset(msgs.data(), 0, sizeof msgs);
+        for (int j = 0; j < RTP_RECV_BATCH; j++) {
+            iov[j] = {bufs[j].data(), RTP_MTU};
+            msghdr &h = msgs[j].msg_hdr;
+            h.msg_name = &names[j];
+            h.msg_iov = &iov[j];
+            h.msg_iovlen = 1;
+            h.msg_control = ctrl[j].data();
+            reset(j);
+        }
+        ready = true;
+    }
+};
+rx_batch rx;
+
+// Sockets that had nothing queued at the last wake-up: with many of them a
+// readiness check first saves a system call per empty socket.
+unsigned rx_idle_sockets;
+constexpr int RX_POLL_MAX = 128;
+
+} // namespace
+
+// Returns the datagrams taken in, -1 on an error.
+static int rtp_sk_drain(rtp_sk *sk, const rtp_rx_time &t) noexcept
+{
+    rt_context_check("rtp_sk_recvm");
+    if (!rx.ready)
+        rx.prepare();
+    const int n = recvmmsg(sk->fd, rx.msgs.data(), RTP_RECV_BATCH, MSG_DONTWAIT, nullptr);
     if (n < 0) {
         static unsigned failures; // a lasting error would otherwise repeat every millisecond
-        if (errno != EAGAIN)
-            rt_perror("pelod: rtp_recvm", errno, &failures, 1000);
-        return;
+        const int err = errno;
+        if (err == EAGAIN)
+            return 0;
+        rt_perror("pelod: rtp_recvm", err, &failures, 1000);
+        return -1;
     }
     for (int j = 0; j < n; j++) {
-        const msghdr &h = msgs[j].msg_hdr;
-        const uint32_t src_h = h.msg_namelen >= sizeof(sockaddr_in) ? ntohl(names[j].sin_addr.s_addr) : 0;
-        rtp_sk_dispatch(sk, rtp_pktinfo_dst(&h), src_h, bufs[j].data(), int(msgs[j].msg_len), rtp_ts_local);
+        const msghdr &h = rx.msgs[j].msg_hdr;
+        const uint32_t src_h = h.msg_namelen >= sizeof(sockaddr_in) ? ntohl(rx.names[j].sin_addr.s_addr) : 0;
+        rtp_sk_deliver(sk, rtp_pktinfo_dst(&h), src_h, rx.bufs[j].data(), int(rx.msgs[j].msg_len), t);
+        rx.reset(j);
     }
+    return n;
+}
+
+void rtp_sk_recvm(rtp_sk *sk, const rtp_rx_time &t) noexcept { rtp_sk_drain(sk, t); }
+
+void rtp_recv_all(const rtp_rx_time &t) noexcept
+{
+    std::array<pollfd, RX_POLL_MAX> fds;
+    std::array<rtp_sk *, RX_POLL_MAX> sks;
+    int n = 0;
+    bool all_listed = true;
+    for (dlist *l = observe(rtp_sk_all.next); l != &rtp_sk_all; l = observe(l->next)) {
+        if (n == RX_POLL_MAX) {
+            all_listed = false;
+            break;
+        }
+        sks[n] = dlist_entry(l, rtp_sk, all);
+        fds[n] = {sks[n]->fd, POLLIN, 0};
+        n++;
+    }
+    const bool check = all_listed && n > 1 && rx_idle_sockets * 4 >= unsigned(n);
+    if (check && poll(fds.data(), nfds_t(n), 0) < 0)
+        return; // cannot fail with these arguments but for a signal; the next wake-up drains
+    unsigned idle = 0;
+    for (int j = 0; j < n; j++) {
+        if (check && !fds[j].revents) {
+            idle++;
+            continue;
+        }
+        idle += rtp_sk_drain(sks[j], t) == 0;
+    }
+    if (!all_listed) // more sockets than one check holds: drain the rest in list order
+        for (dlist *l = observe(sks[n - 1]->all.next); l != &rtp_sk_all; l = observe(l->next))
+            rtp_sk_drain(dlist_entry(l, rtp_sk, all), t);
+    rx_idle_sockets = idle;
 }

@@ -32,15 +32,41 @@ const vantrel_rtpmap_entry *vantrel_rtpmap_default_get(int rtp_payload_bytes, in
 // Automatic playout delay: 144 for packets of up to 48 samples, else 1440.
 int pdly_auto(int ptime_samples) noexcept;
 
+// The wake-up's clock as the receive path sees it, in RTP time. A datagram
+// taken in now arrived after the previous wake-up (whose millisecond is
+// `block`) and before this one's read of the clock.
+struct rtp_rx_time {
+    uint32_t block; // first block this wake-up plays: earlier slots are gone
+    uint32_t wake;  // this wake-up's whole millisecond, the end of its last block
+};
+// A punctual wake-up that plays the block starting at rtp_ts_block.
+inline rtp_rx_time rtp_rx_punctual(uint32_t rtp_ts_block) noexcept
+{
+    return {rtp_ts_block, rtp_ts_block + uint32_t(MIX_BLOCK)};
+}
+
+// [rt] Drains every socket of rtp_sk_all once, in list order. When many
+// sockets had nothing at the last wake-up, one readiness check first skips
+// the empty ones.
+void rtp_recv_all(const rtp_rx_time &t) noexcept;
 // [rt] Drains up to 256 datagrams of sk without blocking and hands each to
-// the endpoints of its destination address (exact pass with the back-off
-// check, then the wildcard endpoints for a unicast destination). Reports
-// "pelod: rtp_recvm" on errors other than EAGAIN.
-void rtp_sk_recvm(rtp_sk *sk, uint32_t rtp_ts_local) noexcept;
+// rtp_sk_deliver. Reports "pelod: rtp_recvm" on errors other than EAGAIN.
+void rtp_sk_recvm(rtp_sk *sk, const rtp_rx_time &t) noexcept;
+inline void rtp_sk_recvm(rtp_sk *sk, uint32_t rtp_ts_block) noexcept { rtp_sk_recvm(sk, rtp_rx_punctual(rtp_ts_block)); }
+// [rt] One datagram of l bytes, sent to dst_addr from src_addr_h (host
+// order), for the endpoints of sk: the exact pass with the back-off check,
+// then the wildcard endpoints for a unicast destination. What the drain
+// does per datagram, callable without a socket.
+void rtp_sk_deliver(rtp_sk *sk, in_addr_t dst_addr, uint32_t src_addr_h, const uint8_t *p, int l,
+                    const rtp_rx_time &t) noexcept;
 // [rt] One datagram of l bytes for an endpoint with a flow. Reads nothing
 // outside packet[0..l-1]; datagrams shorter than the fixed 12-byte header
 // and payload types 64..95 are ignored without counting.
-void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, uint32_t rtp_ts_local) noexcept;
+void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_time &t) noexcept;
+inline void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, uint32_t rtp_ts_block) noexcept
+{
+    rtp_ep_recv_packet(ep, packet, l, rtp_rx_punctual(rtp_ts_block));
+}
 // [rt] Back-off check of an exact-pass endpoint for a datagram from
 // src_addr_h (host order): arms backoff_cnt when another sender may keep
 // the group.

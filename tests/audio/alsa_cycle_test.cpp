@@ -135,18 +135,4 @@ TEST_F(AlsaCycle, FullScaleTruncatesAndOverloadSaturates)
         EXPECT_EQ(b[2 * k], want[k]) << in[k];
 }
 
-// Channel count 0 and 2 take the left channel, 3 every third value; 1
-// deliberately takes all 96 interleaved values into 96 slots.
-TEST_F(AlsaCycle, MicrophoneChannelCountSetsTheStep)
-{
-    for (auto [nchan, count, step] : {std::array{0, 48, 2}, {1, 96, 1}, {2, 48, 2}, {3, 32, 3}}) {
-        SetUp();
-        mic(9, nchan, 48);
-        run(true);
-        for (int k = 0; k <= count; k++)
-            EXPECT_EQ(*mix_slot(TS + 48 + uint32_t(k), 9), k < count ? float(mic_value(k * step)) * int24_to_float : 0)
-                << nchan << " " << k;
-    }
-}
-
 } // namespace

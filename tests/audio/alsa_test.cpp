@@ -77,46 +77,6 @@ TEST_F(AlsaClosed, OpenConfiguresBothStreamsAndStartsCaptureOnly)
     EXPECT_EQ(fake_cap.installed, std::vector<fake_hw>{s24});
 }
 
-struct open_failure {
-    int stream;
-    const char *call;
-    int nth;
-    const char *text; // printed to standard output for a software-parameter step, else to standard error
-};
-
-class AlsaOpenFails : public AlsaClosed, public ::testing::WithParamInterface<open_failure> {};
-
-// A stream whose set-up failed is never offered a block; one that
-// completed works as usual.
-TEST_P(AlsaOpenFails, PrintsTheStepsMessageAndNeverUsesThatStream)
-{
-    const open_failure &f = GetParam();
-    fake_fault = {f.stream, f.call, f.nth, -EIO};
-    const run_result r = captured(alsa_open);
-    EXPECT_EQ(r.status, -1);
-    const bool to_stdout = strstr(f.call, "sw_params") != nullptr;
-    EXPECT_EQ(to_stdout ? r.out : r.err, f.text);
-    EXPECT_EQ(to_stdout ? r.err : r.out, "");
-    fake_play.calls.clear();
-    fake_play.avail_default = fake_cap.avail_default = 100;
-    block b = ramp(1);
-    alsa_play48(b.data());
-    alsa_rec48(b.data());
-    EXPECT_EQ(fake_play.count("writei"), f.stream == 0 ? 0 : 1);
-    EXPECT_EQ(fake_cap.count("readi"), 0);
-}
-
-#define E "Input/output error"
-#define SWP "\nSetting of swparams playback failed: " E "\n"
-INSTANTIATE_TEST_SUITE_P(
-    EveryStep, AlsaOpenFails,
-    ::testing::Values(
-        open_failure{0, "snd_pcm_open", 1, "Cannot open playback device hw:0,0 (" E ")\n"},
-        open_failure{0, "snd_pcm_sw_params_set_avail_min", 1, "Unable to set avail min for " E SWP},
-        open_failure{1, "snd_pcm_hw_params_set_format", 1,
-                     "cannot set sample format (" E ")\nSetting of capture hwparams failed: " E "\n"},
-        open_failure{1, "snd_pcm_start", 1, "Capture start (" E ")\n"}));
-
 // Either direction: a block moves when more than 48 frames are free (to
 // play) or waiting (to read), an error counting as plenty, and moves again
 // while more than 192 are, at most ALSA_LOOP_MAX times. A read over an

@@ -75,36 +75,6 @@ TEST_F(LimComGlue, ThresholdZeroSilencesItsFlowWithoutPoisoningTheMix)
         ASSERT_EQ(y, 0.0f);
 }
 
-struct SelectorCase {
-    int nchn, ch0, ch1, want0, want1; // want: mix output feeding channel 0 / 1
-};
-class LimComSelectors : public LimComGlue, public ::testing::WithParamInterface<SelectorCase> {};
-
-// A selector names entry (selector mod 2) of the stream's mix pair; a mono
-// stream has only its first entry.
-TEST_P(LimComSelectors, ChannelsComeFromTheSelectedEntriesOfTheMixPair)
-{
-    const SelectorCase c = GetParam();
-    for (int k = 0; k < 48; k++)
-        for (int o = 0; o < MIX_OUT_MAX; o++)
-            mix_out[k * MIX_OUT_MAX + o] = tone(o, k);
-    src.nchn = c.nchn;
-    src.mix[0] = 3;
-    src.mix[1] = c.nchn > 1 ? 9 : 0; // a mono stream's second entry is unset
-    const limcom_params p = lce(1, 1, 0.3, 4, c.ch0, c.ch1);
-    const int nchan = c.nchn == 1 ? 1 : 2;
-    CG_limcom_init_instance(&src.limcom, &p, nchan);
-    alloc_count_start();
-    cg_limcom_run_src(&src);
-    EXPECT_EQ(alloc_count_stop(), 0);
-    const auto want = reference(p, nchan, c.want0, c.want1);
-    for (int j = 0; j < 48 * nchan; j++)
-        ASSERT_EQ(src.limcom.outputBuffer[j], want[size_t(j)]) << j;
-}
-INSTANTIATE_TEST_SUITE_P(Pairs, LimComSelectors,
-                         ::testing::Values(SelectorCase{2, 1, 0, 9, 3}, SelectorCase{2, 7, 6, 9, 3},
-                                           SelectorCase{3, 1, 1, 9, 9}, SelectorCase{1, 1, 1, 3, 3}));
-
 // A cycle double processes the instance whenever it is enabled, while the
 // supervisor re-initialises it over and over, switching models.
 TEST(LimComReinit, CycleNeverSeesAHalfInitialisedInstance)

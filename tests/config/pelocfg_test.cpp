@@ -215,30 +215,6 @@ TEST_F(ConfigEmpty, ReloadAppliesOnlyTheDifference)
     EXPECT_EQ(vox_text(routing_calls[0].x.vox), "vox -48.00/1000/0");
 }
 
-TEST(ConfigFormat, FieldsAndWarnings)
-{
-    const char *rate = "'t' fmt warning: Only supports 48000kHz sample rate. Using default 48000kHz.\n";
-    const char *chans = "'t' fmt warning: Only supports streams with 1-8 channels. Using 2-channel default.\n";
-    const char *bits = "'t' fmt warning: Only supports 16-bit and 24-bit streams. Using default 24-bit depth.\n";
-    const struct {
-        const char *text;
-        rtp_fmt before, want;
-        const char *warning;
-    } cases[] = {
-        {"L24", {}, {0, 0, 0, 0}, ""},                  {"L24.48000.1", {}, {0, 24, 48000, 1}, ""},
-        {"L24/44100/2", {}, {0, 24, 48000, 2}, rate},   {"L24/48000/9", {}, {0, 24, 48000, 2}, chans},
-        {"opus/48000/2", {}, {1, 0, 48000, 2}, ""},     {"ndi/0", {}, {2, 0, 48000, 0}, ""},
-        {"Opus/2", {}, {0, 0, 48000, 2}, ""},           {"L16/48000/2", {0, 32, 0, 0}, {0, 24, 48000, 2}, bits},
-    };
-    for (const auto &c : cases) {
-        rtp_fmt f = c.before;
-        testing::internal::CaptureStdout();
-        rtp_fmt_parse(&f, c.text, "t");
-        EXPECT_EQ(captured_stdout(), c.warning) << c.text;
-        EXPECT_EQ(fields(f, {}), fields(c.want, {})) << c.text;
-    }
-}
-
 TEST(ConfigVoxLimcom, ValuesAndWhereParsingStops)
 {
     const std::pair<const char *, const char *> vox[] = {

@@ -9,16 +9,6 @@
 #include <gtest/gtest.h>
 
 namespace {
-const std::string usage = " options\n"
-                          "-D | --daemonize   Daemonize / run in background\n"
-                          "-f | --file=FILE   Specify the configuration file. (default: /etc/pelod.conf)\n"
-                          "-p | --phc-dev=X   Programmable Hardware Clock device (e.g. /dev/ptp0)\n"
-                          "                   \"-\" - use the system clock\n"
-                          "-C | --cpu=X       CPU affinity\n"
-                          "-J | --sysjitter=X Max system jitter [s] (default: 0.002 i.e. 2ms)\n"
-                          "-d | --debug       Print debugging information\n"
-                          "-h | --help        Show help\n";
-
 class PelodOptions : public ::testing::Test { // state: globals at their start values
 protected:
     void SetUp() override
@@ -63,17 +53,6 @@ TEST_F(PelodOptions, ValuesReachTheirGlobals)
     EXPECT_EQ(opt_sysjitter_ns, 3500000);
     EXPECT_EQ(parse({"--phc-dev=-none"}), 0); // any device starting with '-' is the system clock
     EXPECT_EQ(cl.phc_dev, nullptr);
-}
-
-TEST(PelodBinary, UsageExitsWithZeroAndAMissingClockWithOne)
-{
-    SKIP_UNDER_EMULATION();
-    run_result r = run_prog({PELOD_BIN, "-P", "1"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, PELOD_BIN + usage);
-    r = run_prog({PELOD_BIN, "-p", "/dev/nonexistent-ptp", "-f", "/nonexistent.conf"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("pelod: open(PHC_CLOCK): No such file or directory"), std::string::npos) << r.err;
 }
 
 TEST(PelodLifecycle, SignalsReloadResetAndStopCleanly)

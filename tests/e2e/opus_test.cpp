@@ -1,6 +1,6 @@
-// Opus through the daemon with the real codec: its encoder out and its
-// decoder back in, a foreign encoder in, and the listener decoding the
-// daemon's own Opus stream. The tone must come out at its pitch and level.
+// Opus from a foreign encoder through the daemon's decoder (the daemon's own
+// Opus stream is decoded in the interoperability test). The tone must come
+// out at its pitch and level.
 #include "e2e.h"
 
 #include <gtest/gtest.h>
@@ -17,18 +17,10 @@ struct opus_case {
 };
 
 const opus_case opus_cases[] = {
-    {"ListenerDecodesTheDaemonsOpus",
-     {"-f", "440", "-l", "-12"},
-     "XPT mix=a src=127.0.0.1:5004\nSRC mix=a rtpa=127.0.0.1:6000 fmt=opus/48000/1 br=64000\n", "opus/1", -15.0,
-     440.0},
     // the two channels are summed at -3 dB: 3 dB above either
     {"ForeignStereoIsDownmixed",
      {"-F", "opus", "-c", "2", "-f", "1000", "-l", "-20"},
      "XPT mix=b src=127.0.0.1:5004 fmt=opus/48000/2\nSRC mix=b rtpa=127.0.0.1:6000\n", "L24/1", -20.0, 1000.0},
-    {"ForeignStereoChannelSelect",
-     {"-F", "opus", "-c", "2", "-f", "1000,1500", "-l", "-20"},
-     "XPT mix=b src=127.0.0.1:5004 fmt=opus/48000/2 chn=1\nSRC mix=b rtpa=127.0.0.1:6000\n", "L24/1", -23.0,
-     1500.0},
 };
 
 void PrintTo(const opus_case &c, std::ostream *os) { *os << c.name; }

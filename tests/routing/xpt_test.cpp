@@ -107,24 +107,6 @@ TEST_F(XptEmpty, OverflowOfFlowsAndOfMixOutputs)
               "update_flows no mixer input available\nupdate_flows no mixer output available\n");
 }
 
-TEST_F(XptEmpty, InterfaceChangeReopensDestinationChangeDoesNot)
-{
-    pelod_xpt x = xp("spk", "a");
-    pelod_xpt_add(&x);
-    rtp_sk *sk = rtp_dsts[0].ep.sk;
-    x.ep.sa_dst.sin_addr.s_addr = inet_addr("127.0.0.3");
-    pelod_xpt_add(&x);
-    EXPECT_EQ(rtp_dsts[0].ep.sk, sk);
-    EXPECT_EQ(rtp_dsts[0].ep.sa_dst.sin_addr.s_addr, x.ep.sa_dst.sin_addr.s_addr);
-    x = xp("spk", "a", -1, 0, "127.0.0.2");
-    debug = 1;
-    testing::internal::CaptureStdout();
-    pelod_xpt_add(&x);
-    const std::string p = std::to_string(port), f = " flow 127.0.0.1:" + p + " #1 on 127.0.0.";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "-" + f + "1 pdly 0 D -> 0\n- sock 127.0.0.1:" + p +
-                                                          "\n+ sock 127.0.0.2:" + p + "\n+" + f + "2 pdly 0 D -> 0\n");
-}
-
 TEST_F(XptEmpty, PruneKeepsMixesOfOutgoingStreams)
 {
     const pelod_xpt x[] = {xp("spk", "a"), xp("line", "a"), xp("rec", "a")};

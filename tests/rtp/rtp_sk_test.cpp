@@ -60,32 +60,6 @@ protected:
     static rtp_sk *sk(int i) { return rtp_dsts[i].ep.sk; }
 };
 
-TEST_F(RtpSk, EqualBindSharesASocketBucketedByDestination)
-{
-    debug = 1;
-    testing::internal::CaptureStdout();
-    open(0, endpoint("127.0.0.1", port, "127.0.0.1"));
-    open(1, endpoint("0.0.0.0", port, "127.0.0.1")); // wildcard destination
-    open(2, endpoint("127.0.0.1", port, "127.0.0.2"));
-    open(3, endpoint("127.0.0.1", port, "255.255.255.255")); // no endpoint
-    EXPECT_EQ(sockets(), 2);
-    EXPECT_EQ(sk(0), sk(1));
-    EXPECT_EQ(sk(3), nullptr);
-    debug_print_sk(sk(0));
-    shut(0);
-    EXPECT_EQ(sockets(), 2);
-    shut(1);
-    EXPECT_EQ(sockets(), 1);
-    char e0[20], e1[20];
-    snprintf(e0, sizeof e0, "%lX", reinterpret_cast<unsigned long>(&rtp_dsts[0].ep));
-    snprintf(e1, sizeof e1, "%lX", reinterpret_cast<unsigned long>(&rtp_dsts[1].ep));
-    const std::string a = "127.0.0.1:" + p;
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "+ sock " + a + "\n+ sock 127.0.0.2:" + p + "\nSK " + a +
-                                                          ":\nSK " + a + " #00: " + e1 + "|0.0.0.0:" + p + "@" + a +
-                                                          "\nSK " + a + " #01: " + e0 + "|" + a + "@" + a +
-                                                          "\n- sock " + a + "\n");
-}
-
 // The cycle may be inside recvmmsg on the socket: it is unlinked at once
 // but closed only after the cycle has completed a wake-up.
 TEST_F(RtpSk, SocketIsClosedOnlyAfterTheCycleBoundary)

@@ -94,25 +94,6 @@ TEST_F(RtpSendLoopback, HeaderSequenceTimestampSsrcAndDefaultPayloadTypes)
     }
 }
 
-TEST_F(RtpSendLoopback, PacketSizesFollowChannelsPacketTimeAndTheDatagramLimit)
-{
-    const struct {
-        int nchn, ptime, cycles;
-        size_t packets, bytes;
-        uint32_t second_ts;
-    } cases[] = {
-        {3, 48, 3, 3, 12 + 432, 48},         {2, 240, 10, 2, 12 + 5 * 288, 240},
-        {2, 480, 10, 2, 1452, 240},          // 1452 bytes end a packet early
-        {3, 480, 6, 2, 12 + 3 * 432, 144},   // a fourth block would not fit
-    };
-    for (const auto &c : cases) {
-        const std::vector<packet> got = run(stream(c.nchn, c.ptime), 0, c.cycles);
-        ASSERT_EQ(got.size(), c.packets) << c.nchn << "/" << c.ptime;
-        EXPECT_EQ(got[0].size(), c.bytes) << c.nchn << "/" << c.ptime;
-        EXPECT_EQ(be32(&got[1][4]), c.second_ts) << c.nchn << "/" << c.ptime;
-    }
-}
-
 // Frame k of the block carries +v on even and -v on odd frames, so the
 // expected samples alternate sign too (truncation and the 24-bit wrap are
 // both symmetric).
@@ -203,25 +184,6 @@ protected:
     }
     void TearDown() override { SetUp(); }
 };
-
-TEST_F(RtpSourcesUpdate, MixListGivesChannelsAndNewStreamsJoinAtTheTail)
-{
-    src two = configured("a:b", 5006);
-    two.gainv_dB[0] = -6.0f;
-    two.gainv_dB[1] = -100.0f;
-    const std::vector<rtp_src *> v = configure({configured("a", 5004), two, configured("a,b;", 5008), configured("a b c", 5010)});
-    ASSERT_EQ(v.size(), 4u);
-    EXPECT_EQ(std::vector({v[0]->nchn, v[1]->nchn, v[2]->nchn, v[3]->nchn}), std::vector({1, 2, 3, 3}));
-    EXPECT_EQ(v[1]->mix[0], v[0]->mix[0]);
-    EXPECT_NE(v[1]->mix[1], v[1]->mix[0]);
-    EXPECT_NEAR(v[1]->gainv[0], 0.501187f, 1e-6);
-    EXPECT_EQ(v[1]->gainv[1], 0.0f); // -100 dB is off
-
-    const std::vector<rtp_src *> w = configure({configured("a", 5004, 1), configured("a", 5004)});
-    ASSERT_EQ(w.size(), 2u); // kept first, the Opus one appended
-    EXPECT_EQ(w[0], v[0]);
-    EXPECT_NE(w[1]->opus_enc, nullptr);
-}
 
 TEST_F(RtpSourcesUpdate, ReloadKeepsOrReplacesStreamsByIdentity)
 {
