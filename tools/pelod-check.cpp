@@ -297,7 +297,9 @@ const pass::seen *tag_seen(const pass &p, const char *tag)
 
 void check_gain(int line, const char *tag, float dB)
 {
-    if (!std::isfinite(dB) || !std::isfinite(dB2lin(dB)))
+    if (std::isnan(dB))
+        report(line, "error", "%s is not a number: the daemon mutes it", tag);
+    else if (dB > 0.0f && !std::isfinite(dB2lin(dB)))
         report(line, "error", "%s=%g overflows: the daemon holds it at +100 dB", tag, double(dB));
     else if (dB > 100.0f)
         report(line, "warning", "%s=%g is beyond +100 dB: the daemon holds it at +100 dB", tag,

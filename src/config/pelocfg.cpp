@@ -370,7 +370,13 @@ int pelocfg_load_src(const char *cmd)
     copy_tag(p.rtpa, cmd, "rtpa");
     copy_tag(fmt, cmd, "fmt");
     rtp_fmt_parse(&p.fmt, fmt, cmd);
-    p.rtp_pt = uint8_t(getl(cmd, "pt", 255));
+    // the payload type shares its byte with the marker bit: 0-127 only
+    const long pt = getl(cmd, "pt", 255);
+    p.rtp_pt = pt >= 0 && pt <= 127 ? uint8_t(pt) : 255;
+    if (pt != 255 && p.rtp_pt == 255)
+        printf("'%s' pt warning: Only supports payload types 0-127. Using default 101 (one "
+               "channel) or 96.\n",
+               cmd);
     p.rtp_ptime_samples = int(48UL * static_cast<unsigned long>(getl(cmd, "ptime", 1)));
     p.cbr = int(getl(cmd, "cbr", 0));
     p.bitrate = int(getl(cmd, "br", 0));

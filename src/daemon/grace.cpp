@@ -52,6 +52,13 @@ static bool rt_gone()
     return waitid(P_PID, id_t(rt), &si, WEXITED | WNOHANG | WNOWAIT) == 0 && si.si_pid == rt;
 }
 
+static long elapsed_us(timespec t0)
+{
+    timespec t{};
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return long(t.tv_sec - t0.tv_sec) * 1000000 + (t.tv_nsec - t0.tv_nsec) / 1000;
+}
+
 int grace_wait()
 {
     std::atomic_thread_fence(std::memory_order_seq_cst); // unlink before we sample
@@ -61,14 +68,20 @@ int grace_wait()
     // The counter moves after the last read of a wake-up, so once it has
     // moved, the wake-up that may have seen the old state is over.
     const timespec pause{0, 200000};
-    long report_at_us = 100000;
-    for (long waited_us = 0;; waited_us += 200) {
+    long report_at_us = 100000, next_gone_check_us = 10000;
+    timespec t0{};
+    clock_gettime(CLOCK_MONOTONIC, &t0);
+    // waited by the clock: on a loaded machine a pause lasts longer than asked
+    for (long waited_us = 0;; waited_us = elapsed_us(t0)) {
         if (!std::atomic_ref<int32_t>(rt_alive).load(std::memory_order_seq_cst))
             return 0;
         if (std::atomic_ref<uint32_t>(rt_cycles).load(std::memory_order_seq_cst) - c0 >= 1)
             return 0;
-        if (waited_us % 10000 == 0 && waited_us > 0 && rt_gone())
-            return -1;
+        if (waited_us >= next_gone_check_us) {
+            if (rt_gone())
+                return -1;
+            next_gone_check_us = waited_us + 10000;
+        }
         if (waited_us >= report_at_us) {
             fprintf(stderr, "pelod: grace_wait: the real-time cycle has not passed a boundary for %ld ms\n",
                     waited_us / 1000);

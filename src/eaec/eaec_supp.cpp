@@ -28,6 +28,7 @@ constexpr float COH_RATE = 0.1f;      // cross-spectrum smoothing per frame
 // weighted up, they leave double-talk loss under 2 dB on the benchmark.
 constexpr float LEAK_WEIGHT = 4.0f;
 constexpr float COH_WEIGHT = 4.0f;
+constexpr float ECHO_OVER_NOISE = 1.0f; // residual echo the floor lets through, re the noise
 } // namespace
 
 // Cross spectra of the far end at lags 0..EAEC_LAGS-1 frames with the
@@ -150,7 +151,7 @@ void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe) n
     const int kp = p->kpad, nb = p->nbin;
     const v4 fe = v4_dup(p->floor_echo), fn = v4_dup(p->floor_noise), tiny = v4_dup(TINY), one = v4_dup(1.0f);
     const v4 zero = v4_dup(0.0f), lw = v4_dup(LEAK_WEIGHT * c->leak), cw = v4_dup(COH_WEIGHT);
-    const v4 dd = v4_dup(DD_MEMORY), dd1 = v4_dup(1.0f - DD_MEMORY);
+    const v4 dd = v4_dup(DD_MEMORY), dd1 = v4_dup(1.0f - DD_MEMORY), deep = v4_dup(ECHO_OVER_NOISE);
     for (int k = 0; k < kp; k += 4) {
         const v4 s_ee = v4_load(c->s_ee + k), noise = v4_load(c->noise + k);
         const v4 echo = v4_min(v4_max(v4_mul(lw, v4_load(c->s_yy + k)), v4_mul(cw, v4_load(c->coh_echo + k))), s_ee);
@@ -158,7 +159,9 @@ void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe) n
         const v4 post = v4_div(v4_load(pe + k), interf);
         const v4 prio = v4_add(v4_mul(dd, v4_load(c->snr_prev + k)), v4_mul(dd1, v4_max(v4_sub(post, one), zero)));
         const v4 g = v4_div(prio, v4_add(one, prio));
-        const v4 g2 = v4_max(v4_mul(g, g), v4_div(v4_mma(fe, echo, fn, noise), interf));
+        // The echo floor leaves at most floor_echo x the noise of residual
+        // echo: deeper than configured only where the echo dominates.
+        const v4 g2 = v4_max(v4_mul(g, g), v4_div(v4_mma(fe, v4_min(echo, v4_mul(deep, noise)), fn, noise), interf));
         v4_store(c->snr_prev + k, v4_mul(g2, post));
         v4_store(gain_out + k, v4_sqrt(g2));
         v4_store(pe + k, v4_max(zero, v4_mul(v4_sub(fn, g2), noise))); // comfort noise power

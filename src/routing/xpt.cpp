@@ -50,13 +50,18 @@ int match_xpt_dst(const pelod_xpt *x, const rtp_dst *dst)
 {
     if (dst->src[0] == '\0') // a free flow serves nothing
         return 0;
-    if (!vox_cfg_equal(dst->vox, x->vox) || !limcom_params_equal(dst->limcom.current_params, x->limcom_params))
+    if (!vox_cfg_equal(dst->vox, x->vox))
         return 0;
     if (strncmp(dst->src, x->src, sizeof dst->src) != 0 || dst->channel_mode != x->chn ||
         dst->pdly != uint32_t(x->pdly))
         return 0;
     const int ec = x->eaec_mix[0] ? mix_ref(x->eaec_mix) : -1;
-    return dst->eaec_ref == ec; // what was asked for, even when the set-up failed
+    // A sound-card flow runs no limiter or canceller, so lce= and ecs= on
+    // its line are not part of its identity: a reload finds it again.
+    if (dst->ep.sa_dst.sin_family == alsa_src_family)
+        return 1;
+    // the canceller asked for, even when its set-up failed
+    return limcom_params_equal(dst->limcom.current_params, x->limcom_params) && dst->eaec_ref == ec;
 }
 
 static rtp_dst *xpt_flow(const pelod_xpt *x)
@@ -127,7 +132,7 @@ void dst_flow_stop(rtp_dst *dst)
 int pelod_xpt_add(const pelod_xpt *x)
 {
     if (x->mix[0] == '\0') {
-        puts("update_flows no mixer output available");
+        fputs("update_flows no mixer output available", stdout);
         return -1;
     }
     // no source: it could only take a flow that then looks free
@@ -135,7 +140,7 @@ int pelod_xpt_add(const pelod_xpt *x)
         return -1;
     const int imix = mix_ref(x->mix);
     if (imix < 0) {
-        puts("update_flows no mixer output available");
+        fputs("update_flows no mixer output available", stdout);
         return -1;
     }
 
@@ -163,7 +168,7 @@ int pelod_xpt_add(const pelod_xpt *x)
             break;
         }
     if (!dst) {
-        puts("update_flows no mixer input available");
+        fputs("update_flows no mixer input available", stdout);
         return -1;
     }
     dst_init(dst, int(dst - rtp_dsts));

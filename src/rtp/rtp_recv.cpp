@@ -276,8 +276,13 @@ void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst) no
 
 void rtp_ep_backoff_check(rtp_ep *ep, uint32_t src_addr_h, const uint8_t *packet, int l) noexcept
 {
+    // our own streams' looped-back datagrams (our address, our SSRC) never
+    // arm or re-arm a back-off: a second stream to a group we already send
+    // to would otherwise never start
+    if (src_addr_h == ep->if_addr_h && l >= RTP_HDR_LEN && be32(packet + 8) == pelod_ssrc)
+        return;
     if (ep->backoff_cnt != 0) {
-        ep->backoff_cnt = RTP_BACKOFF_ARMED; // any datagram on the group re-arms
+        ep->backoff_cnt = RTP_BACKOFF_ARMED; // any other datagram on the group re-arms
         return;
     }
     if (src_addr_h > ep->if_addr_h)
@@ -315,8 +320,10 @@ void rtp_sk_deliver(rtp_sk *sk, in_addr_t dst_addr, uint32_t src_addr_h, const u
 
 void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_time &t) noexcept
 {
-    if (l < RTP_HDR_LEN)
+    if (l < RTP_HDR_LEN) { // counted, nothing past the datagram is read
+        ep->rx_count++;
         return;
+    }
     rtp_dst *dst = ep->dst;
     const int cc = packet[0] & 0x0F;
     const bool ext = packet[0] & 0x10;

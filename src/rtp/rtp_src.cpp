@@ -90,7 +90,9 @@ static int remove_stale_sources(src_graveyard *g)
             if (rtp_src_cmp(s, &srcs[i]) == 0)
                 p = &srcs[i];
         if (p) {
-            if (memcmp(&s->ep.sa_bind, &p->ep.sa_bind, sizeof s->ep.sa_bind) != 0) {
+            // a new bind address or multicast source is applied by re-opening
+            if (memcmp(&s->ep.sa_bind, &p->ep.sa_bind, sizeof s->ep.sa_bind) != 0 ||
+                s->ep.ssm_src != p->ep.ssm_src) {
                 rtp_ep_close(&s->ep);
                 rtp_ep_open(&s->ep, &p->ep, nullptr);
             }
@@ -238,7 +240,7 @@ static void open_packet(rtp_src *s, uint32_t rtp_ts) noexcept
 {
     uint8_t *h = s->packet;
     h[0] = 0x80;
-    h[1] = rtp_src_pt(s->rtp_pt, s->nchn);
+    h[1] = rtp_src_pt(s->rtp_pt, s->nchn) & 0x7F; // never the marker bit
     put_be16(h + 2, s->rtp_seq);
     put_be32(h + 4, rtp_ts);
     put_be32(h + 8, pelod_ssrc);
@@ -276,7 +278,7 @@ static void append_pcm(rtp_src *s) noexcept
     if (nchn == 2 && s->mix[0] == s->mix[1] && s->gainv[0] == s->gainv[1]) {
         int stride;
         const float *x = channel_src(s, 0, &stride);
-        const float scale = float(double(s->gainv[0]) * double(RTP_SRC_MONO_PAIR)) * float_to_int24;
+        const float scale = float(double(s->gainv[0]) * RTP_SRC_MONO_PAIR) * float_to_int24;
         for (int k = 0; k < MIX_BLOCK; k++, out += 6) {
             const int32_t v = x ? f2int32_sat(scale * x[k * stride]) : 0;
             put_l24(out, v);

@@ -15,7 +15,7 @@ inline constexpr uint8_t RTP_PT_UNSET = 255;    // configured "pt" absent
 inline constexpr uint8_t RTP_PT_MONO = 101;     // default for one channel
 inline constexpr uint8_t RTP_PT_MULTI = 96;     // default otherwise
 inline constexpr char RTP_SRC_MIX_SEP[] = ":,; "; // between the names of a mix list
-inline constexpr float RTP_SRC_MONO_PAIR = 0.707946f; // -3 dB: mono on two channels
+inline constexpr double RTP_SRC_MONO_PAIR = 0.707946; // -3 dB: mono on two channels, applied in double
 
 extern uint32_t opus_enc_rtp_ts; // cycle that last began an Opus frame
 

@@ -163,16 +163,18 @@ TEST_F(ConfigEmpty, SrcDefaultsAndValues)
     ASSERT_EQ(pelocfg_load_src("mix=a rtpa=alsa:0x2 gainv=\"-3 x\" ifa=1.2.3.4"), 0);
     EXPECT_EQ(describe(srcs[0]) + "\n" + describe(srcs[1]) + "\n" + describe(srcs[2]),
               "a 239.192.0.5:5004 10.1.1.1:5004 pt 255 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/0/0/0 lce 0/0/0/0/0/0/0\n"
-              "a:b 239.192.0.5:5004 10.1.1.1:5004 pt 44 ptime 240 gain -3/-6 br 64000 cbr 1 fmt 0/0/0/0 lce 1/1/0/0/0/0/0\n"
+              "a:b 239.192.0.5:5004 10.1.1.1:5004 pt 255 ptime 240 gain -3/-6 br 64000 cbr 1 fmt 0/0/0/0 lce 1/1/0/0/0/0/0\n"
               "a alsa:2 alsa:0 pt 255 ptime 48 gain -3/0 br 0 cbr 0 fmt 0/0/0/0 lce 0/0/0/0/0/0/0");
 }
 
 TEST_F(ConfigEmpty, WarningsNameTheLineOrTheSource)
 {
-    load("SRC mix=a rtpa=5 lce=1\nXPT mix=a src=5 lce=1;a=5;r=100;T=0.5\nXPT mix=b src=6 lce=0;T=0.5\n"
+    load("SRC mix=a rtpa=5 lce=1\nSRC mix=a rtpa=7 pt=128\nXPT mix=a src=5 lce=1;a=5;r=100;T=0.5\nXPT mix=b src=6 lce=0;T=0.5\n"
          "XPT mix=a src=5 fmt=L24/44100/2\nXPT mix=b src=6;fmt=L24/48000/10\n");
     EXPECT_EQ(out, "'mix=a rtpa=5 lce=1' lce warning: limiter enabled without T=, a= and r= (all non-zero); its "
                    "output is silent.\n"
+                   "'mix=a rtpa=7 pt=128' pt warning: Only supports payload types 0-127. Using default 101 (one "
+                   "channel) or 96.\n"
                    "'XPT mix=a src=5 fmt=L24/44100/2' fmt warning: Only supports 48000kHz sample rate. Using default "
                    "48000kHz.\n"
                    "'6;fmt=L24/48000/10' fmt warning: Only supports streams with 1-8 channels. Using 2-channel default.\n");

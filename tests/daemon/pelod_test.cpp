@@ -1,10 +1,7 @@
-// The command line, the pid file and the process lifecycle, mostly through
-// the built daemon.
+// The command line into the daemon's globals (the signals and the pid file
+// are exercised by every end-to-end run).
 #include "daemon/pelod.h"
-#include "support/daemon.h"
-#include "support/emulation.h"
 
-#include <csignal>
 #include <getopt.h>
 #include <gtest/gtest.h>
 
@@ -55,24 +52,4 @@ TEST_F(PelodOptions, ValuesReachTheirGlobals)
     EXPECT_EQ(cl.phc_dev, nullptr);
 }
 
-TEST(PelodLifecycle, SignalsReloadResetAndStopCleanly)
-{
-    SKIP_UNDER_EMULATION();
-    pelod_proc p("# nothing routed\n", ".lifecycle.conf");
-    ASSERT_TRUE(p.start_up({"-d"})) << "no pid file " << p.pid_path();
-    EXPECT_TRUE(wait_for(1000, [&] { return read_file(p.pid_path()) == std::to_string(p.pid) + "\n"; }));
-    p.signal(SIGHUP);
-    EXPECT_TRUE(wait_for(3000, [&] { return p.out().find("HUP received. Config reloading.\n") != std::string::npos; }))
-        << p.out();
-    p.signal(SIGUSR1);
-    usleep(100000);
-    p.signal(SIGTERM);
-    EXPECT_EQ(p.wait(), 0);
-    EXPECT_NE(p.err().find("DSP exited with status 0\n"), std::string::npos) << p.err();
-    const std::string out = p.out();
-    const size_t j = out.find("jitter max ");
-    ASSERT_NE(j, std::string::npos) << out;
-    EXPECT_NE(out.find("ns\n", j), std::string::npos);
-    EXPECT_NE(access(p.pid_path().c_str(), F_OK), 0) << "pid file removed";
-}
 } // namespace

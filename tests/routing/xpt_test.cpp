@@ -104,7 +104,7 @@ TEST_F(XptEmpty, OverflowOfFlowsAndOfMixOutputs)
     snprintf(x.mix, sizeof x.mix, "m16");
     EXPECT_EQ(pelod_xpt_add(&x), -1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "update_flows no mixer input available\nupdate_flows no mixer output available\n");
+              "update_flows no mixer input availableupdate_flows no mixer output available");
 }
 
 TEST_F(XptEmpty, PruneKeepsMixesOfOutgoingStreams)
@@ -127,18 +127,24 @@ TEST_F(XptEmpty, PruneKeepsMixesOfOutgoingStreams)
 }
 
 // The loader gives sound-card crosspoints no endpoint; a second mix of the
-// microphone must not wipe the flow's sound-card marker.
-TEST_F(XptEmpty, SoundCardFlowKeepsItsMarkerWhenShared)
+// microphone must not wipe the flow's sound-card marker. The microphone runs
+// no limiter or canceller, so lce= and ecs= never keep a reload from
+// finding its flow again.
+TEST_F(XptEmpty, SoundCardFlowKeepsItsMarkerWhenSharedAndIsFoundAgain)
 {
     pelod_xpt a = xp("spk", "alsa:1"), b = xp("line", "alsa:1");
     a.ep = b.ep = rtp_ep_spec{};
+    a.limcom_params.enable = 1;
+    snprintf(b.eaec_mix, sizeof b.eaec_mix, "spk");
     pelod_xpt_add(&a);
     pelod_xpt_add(&b);
+    EXPECT_EQ(routing(), "0:alsa:1 | spk=0 line=0 | 0 sk");
     EXPECT_EQ(rtp_dsts[0].ep.sa_dst.sin_family, alsa_src_family);
     EXPECT_EQ(rtp_dsts[0].ep.sa_dst.sin_port, htons(1));
-    pelod_xpt_del(&a);
-    pelod_xpt_del(&b);
+    EXPECT_EQ(pelod_xpt_del(&a), 0);
+    EXPECT_EQ(pelod_xpt_del(&b), 0);
     EXPECT_EQ(rtp_dsts[0].ep.sa_dst.sin_family, 0);
+    EXPECT_EQ(routing(), "| | 0 sk");
 }
 
 // A flow whose canceller could not be set up (reference left at -1) still

@@ -171,7 +171,7 @@ TEST_F(RtpRecvFlow, PcmWritersScaleSelectDownMixAndFeedTheLevelTap)
 }
 
 // Hostile datagrams: nothing is read outside the received bytes (the sanitizer build checks that), nothing
-// is written outside the flows' columns of the ring, and only what has a whole fixed header counts.
+// is written outside the flows' columns of the ring, and every datagram of a flow counts.
 class RtpRecvHostile : public RtpRecvFlow { // state: flows of every format
 protected:
     std::vector<rtp_dst *> flows;
@@ -220,10 +220,28 @@ TEST_F(RtpRecvHostile, MalformedHeadersCountButReadAndWriteNothingOutside)
         for (rtp_dst *d : flows)
             feed(&d->ep, p, L + 240);
     for (rtp_dst *d : flows) {
-        EXPECT_EQ(d->ep.rx_count, 5);
+        EXPECT_EQ(d->ep.rx_count, 8); // the three shorter than a header count too
         EXPECT_EQ(d->ep.rx_good, 4);
     }
     expect_ring_clean();
+}
+
+// Back-off of a stream that listens on its own group (interface 10.0.0.2):
+// a running back-off re-arms on others' datagrams, never on our own.
+TEST(RtpBackoff, OthersArmAndReArmOwnDatagramsNever)
+{
+    pelod_ssrc = 5000;
+    const bytes lower = rtp_datagram(1, 0, bytes(20), 96, false, 4999), own = rtp_datagram(1, 0, bytes(20), 96, false, 5000);
+    for (const auto &[cnt, src, p, expected] : {std::tuple(7, 0x0A000003u, own, RTP_BACKOFF_ARMED),
+                                                std::tuple(7, 0x0A000002u, own, 7), std::tuple(0, 0x0A000002u, own, 0),
+                                                std::tuple(0, 0x0A000002u, lower, RTP_BACKOFF_ARMED),
+                                                std::tuple(0, 0x0A000001u, own, RTP_BACKOFF_ARMED)}) {
+        rtp_ep e{};
+        e.if_addr_h = 0x0A000002;
+        e.backoff_cnt = cnt;
+        rtp_ep_backoff_check(&e, src, p.data(), int(p.size()));
+        EXPECT_EQ(e.backoff_cnt, expected) << std::hex << src << " " << cnt;
+    }
 }
 
 } // namespace

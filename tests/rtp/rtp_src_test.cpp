@@ -108,6 +108,7 @@ TEST_F(RtpSendLoopback, PcmIs24BitBigEndianOfGainTimesMixWithoutClipping)
         {"gain, truncated", 2, 1, 1.0f, 0.5f, 0.5f, 0.3f, 0, {0x3FFFFF, 0x133333}},
         {"+6 dB on full scale wraps", 2, 1, 2.0f, 2.0f, 1.0f, 0.75f, 0, {-2, -0x400002}},
         {"mono mix on both channels, -3 dB", 2, 0, 1.0f, 1.0f, 1.0f, 0.25f, 0, {0x5A9DF9, 0x5A9DF9}},
+        {"mono mix at -2 dB: -3 dB in double", 2, 0, 0.794328213f, 0.794328213f, 1.0f, 0.0f, 0, {0x47FACD, 0x47FACD}},
         {"mono mix, own gains: no -3 dB", 2, 0, 1.0f, 0.5f, 1.0f, 0.25f, 0, {0x7FFFFF, 0x3FFFFF}},
         {"limiter output replaces the mix", 2, 1, 1.0f, 1.0f, 0.9f, 0.9f, 0.5f, {0x3FFFFF, -0x3FFFFF}},
     };
@@ -198,6 +199,9 @@ TEST_F(RtpSourcesUpdate, ReloadKeepsOrReplacesStreamsByIdentity)
     EXPECT_FLOAT_EQ(s->gainv[1], 0.1f);
     EXPECT_EQ(s->ep.sa_bind.sin_addr.s_addr, htonl(INADDR_ANY));
     EXPECT_EQ(s->rtp_seq, 3);
+    p.ep.ssm_src = htonl(0x0A000001); // a new multicast source is applied in place
+    EXPECT_EQ(configure({p}), std::vector({s}));
+    EXPECT_EQ(s->ep.ssm_src, htonl(0x0A000001));
     p.rtp_ptime_samples = 96; // identity: replaced, numbering from 0
     ASSERT_EQ(configure({p}).size(), 1u);
     EXPECT_EQ(rtp_srcs->rtp_seq, 0);
