@@ -10,7 +10,7 @@ DEPS = cmake g++ make pkg-config libopus-dev libasound2-dev libgtest-dev libgmoc
 ARMHF_BUILD ?= build-armhf
 ARMHF_DEPS = g++-arm-linux-gnueabihf qemu-user libopus-dev:armhf libasound2-dev:armhf libgtest-dev
 
-.PHONY: all deps build run test bench package armhf-deps armhf armhf-test armhf-package clean
+.PHONY: all deps build run test bench package armhf-deps armhf armhf-test armhf-package san-test fuzz soak clean
 
 all: build
 
@@ -48,7 +48,15 @@ run: build
 	wait $$pelod; kill $$tone 2>/dev/null; wait
 
 test: build
-	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) -LE soak
+
+# The daemon under reloads and hostile traffic for SOAK_SECONDS (hours by
+# hand: make soak SOAK_SECONDS=14400).
+SOAK_SECONDS ?= 150
+soak: build
+	cd $(BUILD) && PELOD_SOAK_SECONDS=$(SOAK_SECONDS) ctest -L soak -V --timeout $$(($(SOAK_SECONDS) + 120)) \
+	  >soak.log 2>&1; s=$$?; grep -E 'soak: |tests passed|tests failed' soak.log; \
+	  [ $$s -eq 0 ] || tail -n 80 soak.log; exit $$s
 
 bench: build
 	for b in $(BUILD)/bench/*_bench; do $$b; done
@@ -72,5 +80,37 @@ armhf-test: armhf
 armhf-package: armhf
 	cd $(ARMHF_BUILD) && cpack
 
+# The whole suite under AddressSanitizer and UBSan, as a Debug build (so
+# the real-time context checks are on too).
+SAN_BUILD ?= build-san
+SAN_CC ?= gcc
+SAN_CXX ?= g++
+san-test: deps
+	CC=$(SAN_CC) CXX=$(SAN_CXX) cmake -S . -B $(SAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DPELOD_ASAN=ON \
+	  -DPELOD_BENCH=OFF >/dev/null
+	cmake --build $(SAN_BUILD) -j $(JOBS)
+	cd $(SAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+	  ctest --output-on-failure -j $(JOBS) -LE soak
+
+# libFuzzer targets (clang) under ASan and UBSan, FUZZ_SECONDS each, seeded
+# with valid datagrams and the example configuration; a finding fails.
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 30
+FUZZ_DEPS = clang libclang-rt-14-dev
+fuzz: deps
+	$(call install_missing,$(FUZZ_DEPS))
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPELOD_FUZZ=ON \
+	  -DPELOD_TESTS=OFF -DPELOD_BENCH=OFF >/dev/null
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target recv_fuzz config_fuzz
+	rm -rf $(FUZZ_BUILD)/corpus && mkdir -p $(FUZZ_BUILD)/corpus/recv $(FUZZ_BUILD)/corpus/config
+	PELOD_FUZZ_SEEDS=$(FUZZ_BUILD)/corpus/recv $(FUZZ_BUILD)/tests/fuzz/recv_fuzz
+	cp examples/pelod.conf $(FUZZ_BUILD)/corpus/config/
+	for t in recv config; do \
+	  $(FUZZ_BUILD)/tests/fuzz/$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -print_final_stats=1 \
+	    -artifact_prefix=$(FUZZ_BUILD)/$${t}- $(FUZZ_BUILD)/corpus/$$t 2>$(FUZZ_BUILD)/$$t.log \
+	    || { tail -n 60 $(FUZZ_BUILD)/$$t.log; exit 1; }; \
+	  grep -E '^(stat::number_of_executed_units|#[0-9]+.*DONE)' $(FUZZ_BUILD)/$$t.log | sed "s/^/$$t: /"; \
+	done
+
 clean:
-	rm -rf $(BUILD) $(ARMHF_BUILD)
+	rm -rf $(BUILD) $(ARMHF_BUILD) $(SAN_BUILD) $(FUZZ_BUILD)

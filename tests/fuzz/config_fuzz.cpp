@@ -1,0 +1,110 @@
+// A configuration text through the whole reading half of a load, then each
+// of its lines through every line handler, the field parsers and every
+// vtr_ function. Every line is a heap block of its exact size, so a read
+// past a terminator or a write past a buffer is caught. Seed: the example
+// configuration.
+#include "config/pelocfg.h"
+#include "config/vtrp.h"
+#include "routing_double.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+
+namespace {
+const char *const names[] = {"mix", "src", "rtpa", "ifa", "fmt", "gain", "a", "", "GLB"};
+
+void exercise_vtr(const char *s, unsigned h)
+{
+    int steps = 0;
+    for (const char *p = s; *p && steps < 100000; ++steps) {
+        const char *q = vtr_nextval(p);
+        if (q <= p)
+            abort(); // the scanner must always move on
+        p = q;
+    }
+    const char *name = names[h % std::size(names)];
+    const char *v = vtr_findval(s, name);
+    vtr_findtag(s, name, h % 8);
+    if (!v)
+        v = s + (h % (strlen(s) + 1));
+    vtr_vall(v);
+    vtr_getl(s, name, 7);
+    uint16_t port = 0;
+    vtr_url2ip_port(v, &port, 5004);
+    vtr_url2ip_port(s, nullptr, 0);
+    // copies stay inside their buffers and say what they stored
+    const int size = int(h % 80) - 4;
+    char *buf = static_cast<char *>(malloc(size_t(std::max(size, 1))));
+    const size_t n = vtr_copyval(buf, v, size);
+    if (size <= 0 ? n != 0 : n >= size_t(size) || strlen(buf) != n)
+        abort();
+    const size_t room = size_t(std::max(size, 0));
+    if (room && size_t(vtr_escape(buf, room, v)) >= room)
+        abort();
+    free(buf);
+    char *d = vtr_valdup(v);
+    if (!d || strlen(d) != size_t(vtr_vallen(v)))
+        abort();
+    free(d);
+}
+
+void exercise_handlers(const char *s, const char *other)
+{
+    pelocfg_load_glb(s);
+    pelocfg_load_xpt(s);
+    pelocfg_load_src(s);
+    rtp_fmt f{};
+    rtp_fmt_parse(&f, s, s);
+    pelod_vox_cfg vox{};
+    pelocfg_vox(&vox, s);
+    limcom_params lcp{};
+    pelocfg_limcom(&lcp, s);
+    rtp_ep_spec ep[2];
+    rtpa2ep(s, other, ep, 2);
+    rtpa2ep(other, s, ep, 1);
+}
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    fflush(stdout); // the loader's warnings would flood the run's log
+    const int null_fd = open("/dev/null", O_WRONLY);
+    dup2(null_fd, STDOUT_FILENO);
+    close(null_fd);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const std::string text(reinterpret_cast<const char *>(data), size);
+    if (FILE *f = fmemopen(const_cast<char *>(text.data()), text.size(), "r")) {
+        pelocfg_read(f);
+        fclose(f);
+    }
+    config_reset();
+    size_t start = 0;
+    std::string prev = "0.0.0.0";
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos)
+            end = text.size();
+        const std::string line = text.substr(start, end - start);
+        unsigned h = 2166136261u;
+        for (char c : line)
+            h = (h ^ uint8_t(c)) * 16777619u;
+        char *t = strdup(line.c_str()), *o = strdup(prev.c_str());
+        exercise_vtr(t, h);
+        exercise_handlers(t, o);
+        free(t);
+        free(o);
+        prev = line;
+        start = end + 1;
+    }
+    config_reset();
+    return 0;
+}
