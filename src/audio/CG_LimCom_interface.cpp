@@ -22,6 +22,14 @@ static int &enable_word(const LimCom_Instance *inst) noexcept
 
 void CG_limcom_init(void) {}
 
+static bool same_bits(double a, double b) { return memcmp(&a, &b, sizeof a) == 0; }
+
+bool limcom_params_equal(const limcom_params &a, const limcom_params &b)
+{
+    return a.enable == b.enable && a.ch0 == b.ch0 && a.ch1 == b.ch1 && same_bits(a.attack, b.attack) &&
+           same_bits(a.release, b.release) && same_bits(a.threshold, b.threshold) && same_bits(a.ratio, b.ratio);
+}
+
 void CG_limcom_disable(LimCom_Instance *inst)
 {
     publish(enable_word(inst), 0);

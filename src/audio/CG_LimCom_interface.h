@@ -22,6 +22,9 @@ void CG_limcom_init(void);
 // many enabled instances may CG_limcom_disable them all, grace_wait()
 // once, and then initialise each without a further wait.
 void CG_limcom_init_instance(LimCom_Instance *inst, const limcom_params *params, int nchan);
+// [sup] Field by field (the record has padding before the first double;
+// the doubles compare by their bits): 1 when a and b are the same values.
+bool limcom_params_equal(const limcom_params &a, const limcom_params &b);
 // [sup] Publishes enable 0: the cycle stops using inst from its next
 // block on. Nothing else changes; reading current_params.enable now gives
 // 0, so the instance no longer compares equal to enabled parameters.

@@ -23,6 +23,13 @@ void eaec_lib_init()
                    e.build_time);
 }
 
+void dst_eaec_free(rtp_dst *dst)
+{
+    eaec_done(dst->eaec_params, dst->eaec_state);
+    dst->eaec_params = nullptr;
+    dst->eaec_state = nullptr;
+}
+
 void dst_eaec_setup(rtp_dst *dst, int source)
 {
     if (source == dst->eaec_source)
@@ -30,9 +37,7 @@ void dst_eaec_setup(rtp_dst *dst, int source)
     if (dst->eaec_source != -1) {
         publish(dst->eaec_source, -1);
         grace_wait(); // the cycle may be inside this flow's frame
-        eaec_done(dst->eaec_params, dst->eaec_state);
-        dst->eaec_params = nullptr;
-        dst->eaec_state = nullptr;
+        dst_eaec_free(dst);
     }
     if (source < 0)
         return;

@@ -22,6 +22,11 @@ void eaec_lib_init();
 // canceller and "pelod: eaec_init status N" goes to standard error. This
 // is also the tear-down the routing uses (source -1).
 void dst_eaec_setup(rtp_dst *dst, int source);
+// [sup] Frees flow dst's canceller objects. The caller has published
+// eaec_source -1 and waited a grace period since (dst_eaec_setup(dst, -1)
+// does both; a caller tearing down more than the canceller may share one
+// grace period).
+void dst_eaec_free(rtp_dst *dst);
 // [rt] For every flow with a canceller: stores this block's reference and
 // microphone samples as 16-bit (held at full scale, a NaN as 0, then
 // truncated like f2int16), puts the

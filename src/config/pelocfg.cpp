@@ -80,31 +80,12 @@ int trunc_int(double v)
     return int(v);
 }
 
-template <class T> bool same_bits(const T &a, const T &b)
-{
-    return memcmp(&a, &b, sizeof(T)) == 0;
-}
-
-bool same_vox(const pelod_vox_cfg &a, const pelod_vox_cfg &b)
-{
-    return same_bits(a.threshold_lin, b.threshold_lin) && a.holdtime == b.holdtime &&
-           a.gate == b.gate;
-}
-
-// Field by field: the record has padding before the first double.
-bool same_limcom(const limcom_params &a, const limcom_params &b)
-{
-    return a.enable == b.enable && a.ch0 == b.ch0 && a.ch1 == b.ch1 &&
-           same_bits(a.attack, b.attack) && same_bits(a.release, b.release) &&
-           same_bits(a.threshold, b.threshold) && same_bits(a.ratio, b.ratio);
-}
-
 // The identity of a crosspoint; gain, endpoint and format are not part of it.
 bool xpt_equal(const pelod_xpt &a, const pelod_xpt &b)
 {
     return strcmp(a.src, b.src) == 0 && strcmp(a.mix, b.mix) == 0 && a.chn == b.chn &&
-           a.pdly == b.pdly && same_vox(a.vox, b.vox) && strcmp(a.eaec_mix, b.eaec_mix) == 0 &&
-           same_limcom(a.limcom_params, b.limcom_params);
+           a.pdly == b.pdly && vox_cfg_equal(a.vox, b.vox) && strcmp(a.eaec_mix, b.eaec_mix) == 0 &&
+           limcom_params_equal(a.limcom_params, b.limcom_params);
 }
 
 xpt *xpt_lookup(const pelod_xpt &x)
@@ -271,7 +252,7 @@ void pelocfg_vox(pelod_vox_cfg *vox, const char *s)
         else if (key == 'g')
             gate = v;
     }
-    vox->threshold_lin = on && threshold > -100.0 ? float(pow(10.0, threshold * 0.05)) : 0.0f;
+    vox->threshold_lin = on && threshold > -100.0 ? dB2lin(threshold) : 0.0f;
     vox->holdtime = trunc_int(hold * 1000.0);
     vox->gate = trunc_int(gate);
 }

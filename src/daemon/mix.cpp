@@ -59,7 +59,7 @@ int32_t f2int32_sat(float x) noexcept
 int32_t f2int24(float x) noexcept { return f2int32_sat(x * float_to_int24); }
 int16_t f2int16(float x) noexcept { return int16_t(uint16_t(uint32_t(f2int32_sat(x * float_to_int16)))); }
 
-float dB2lin(float dB) { return float(std::pow(10.0, double(dB) * 0.05)); }
+float dB2lin(double dB) { return float(std::pow(10.0, dB * 0.05)); }
 
 float gain_lin(float dB)
 {

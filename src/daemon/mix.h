@@ -31,7 +31,7 @@ int16_t f2int16(float x) noexcept;
 int32_t f2int32_sat(float x) noexcept;
 
 // [sup][rt] 10^(dB * 0.05) in double precision, rounded to float.
-float dB2lin(float dB);
+float dB2lin(double dB);
 // [sup] A configured gain as a factor: -100 dB or less (and a NaN) mutes,
 // more than +100 dB is held at +100 dB, so no gain is ever infinite.
 float gain_lin(float dB);

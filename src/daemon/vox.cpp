@@ -21,6 +21,12 @@ int vox_notify_pending;
 uint32_t vox_notify_requests;
 static uint32_t vox_requests_seen; // the cycle's copy of vox_notify_requests
 
+bool vox_cfg_equal(const pelod_vox_cfg &a, const pelod_vox_cfg &b)
+{
+    return memcmp(&a.threshold_lin, &b.threshold_lin, sizeof a.threshold_lin) == 0 && a.holdtime == b.holdtime &&
+           a.gate == b.gate;
+}
+
 void vox_notify_request() noexcept { publish(vox_notify_requests, vox_notify_requests + 1); }
 
 static int vox_fd = -1;

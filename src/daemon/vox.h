@@ -23,6 +23,9 @@ extern uint32_t vox_notify_requests;
 // [sup] Asks the cycle for a notification at its next block.
 void vox_notify_request() noexcept;
 
+// [sup] 1 when a and b are the same settings (the threshold by its bits).
+bool vox_cfg_equal(const pelod_vox_cfg &a, const pelod_vox_cfg &b);
+
 // [rt] Per-block detector over the 48 flows, called after the echo
 // canceller and before mixing. Clears every flow's level, zeroes the 48
 // ring samples of this block of a gated flow that is not active, and calls

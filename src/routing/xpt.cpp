@@ -6,7 +6,6 @@
 #include "daemon/mix.h"
 #include "daemon/pelod.h"
 #include "daemon/shared.h"
-#include "eaec/eaec.h"
 #include "rtp/rtp_sk.h"
 
 #include <arpa/inet.h>
@@ -16,9 +15,6 @@
 #include <cstring>
 #include <opus.h>
 #include <type_traits>
-
-#define IP4(a) (reinterpret_cast<const uint8_t *>(&(a))[0]), (reinterpret_cast<const uint8_t *>(&(a))[1]), \
-               (reinterpret_cast<const uint8_t *>(&(a))[2]), (reinterpret_cast<const uint8_t *>(&(a))[3])
 
 void dst_init(rtp_dst *dst, int ch)
 {
@@ -50,25 +46,11 @@ int dst_in_use(const rtp_dst *dst)
 
 int dst_imix_inp(const rtp_dst *dst) { return dst->index; }
 
-template <class T> static bool same_bits(const T &a, const T &b) { return memcmp(&a, &b, sizeof a) == 0; }
-
-// Field by field, so that padding never decides.
-static bool same_vox(const pelod_vox_cfg &a, const pelod_vox_cfg &b)
-{
-    return same_bits(a.threshold_lin, b.threshold_lin) && a.holdtime == b.holdtime && a.gate == b.gate;
-}
-
-static bool same_limcom(const limcom_params &a, const limcom_params &b)
-{
-    return a.enable == b.enable && a.ch0 == b.ch0 && a.ch1 == b.ch1 && same_bits(a.attack, b.attack) &&
-           same_bits(a.release, b.release) && same_bits(a.threshold, b.threshold) && same_bits(a.ratio, b.ratio);
-}
-
 int match_xpt_dst(const pelod_xpt *x, const rtp_dst *dst)
 {
     if (dst->src[0] == '\0') // a free flow serves nothing
         return 0;
-    if (!same_vox(dst->vox, x->vox))
+    if (!vox_cfg_equal(dst->vox, x->vox))
         return 0;
     if (strncmp(dst->src, x->src, sizeof dst->src) != 0 || dst->channel_mode != x->chn ||
         dst->pdly != uint32_t(x->pdly))
@@ -79,7 +61,7 @@ int match_xpt_dst(const pelod_xpt *x, const rtp_dst *dst)
     if (dst->ep.sa_dst.sin_family == alsa_src_family)
         return 1;
     // the canceller asked for, even when its set-up failed
-    return same_limcom(dst->limcom.current_params, x->limcom_params) && dst->eaec_ref == ec;
+    return limcom_params_equal(dst->limcom.current_params, x->limcom_params) && dst->eaec_ref == ec;
 }
 
 static rtp_dst *xpt_flow(const pelod_xpt *x)
@@ -91,19 +73,6 @@ static rtp_dst *xpt_flow(const pelod_xpt *x)
 }
 
 static float xpt_gain(const pelod_xpt *x) { return gain_lin(x->gain_dB); }
-
-// Ends a canceller that the cycle may be running: it is disabled first and
-// its objects are freed only once the cycle has passed a boundary.
-static void dst_eaec_end(rtp_dst *dst)
-{
-    if (dst->eaec_source == -1)
-        return;
-    publish(dst->eaec_source, -1);
-    grace_wait();
-    eaec_done(dst->eaec_params, dst->eaec_state);
-    dst->eaec_params = nullptr;
-    dst->eaec_state = nullptr;
-}
 
 void dst_flow_start(rtp_dst *dst, const pelod_xpt *x)
 {
@@ -122,10 +91,7 @@ void dst_flow_start(rtp_dst *dst, const pelod_xpt *x)
         return;
     }
 
-    if (ec >= 0)
-        dst_eaec_setup(dst, ec);
-    else
-        dst_eaec_end(dst);
+    dst_eaec_setup(dst, ec);
 
     CG_limcom_init_instance(&dst->limcom, &x->limcom_params, 1);
 
@@ -156,11 +122,8 @@ void dst_flow_stop(rtp_dst *dst)
     publish(dst->eaec_source, -1);
     publish(dst->limcom.current_params.enable, 0);
     grace_wait();
-    if (had_ec) {
-        eaec_done(dst->eaec_params, dst->eaec_state);
-        dst->eaec_params = nullptr;
-        dst->eaec_state = nullptr;
-    }
+    if (had_ec)
+        dst_eaec_free(dst);
     CG_limcom_init_instance(&dst->limcom, nullptr, 1);
     if (dec)
         opus_decoder_destroy(dec); // the handle is cleared when the flow is reused

@@ -19,10 +19,6 @@ static_assert(std::is_standard_layout_v<rtp_ep_spec> && std::is_trivially_copyab
 static_assert(sizeof(mgroup) == 8);
 static_assert((RTP_SK_HASH & (RTP_SK_HASH - 1)) == 0);
 
-// The four octets of a network-order address, for "%d.%d.%d.%d".
-#define IP4(a) (reinterpret_cast<const uint8_t *>(&(a))[0]), (reinterpret_cast<const uint8_t *>(&(a))[1]), \
-               (reinterpret_cast<const uint8_t *>(&(a))[2]), (reinterpret_cast<const uint8_t *>(&(a))[3])
-
 bool in_addr_is_mcast(in_addr_t g) noexcept { return (reinterpret_cast<const uint8_t *>(&g)[0] & 0xF0) == 0xE0; }
 
 dlist *rtp_sk_ep_list(rtp_sk *sk, in_addr_t ip_addr) noexcept

@@ -6,6 +6,10 @@
 #include <cstdint>
 #include <netinet/in.h>
 
+// The four octets of a network-order address, for "%d.%d.%d.%d".
+#define IP4(a) (reinterpret_cast<const uint8_t *>(&(a))[0]), (reinterpret_cast<const uint8_t *>(&(a))[1]), \
+               (reinterpret_cast<const uint8_t *>(&(a))[2]), (reinterpret_cast<const uint8_t *>(&(a))[3])
+
 inline constexpr int32_t RTP_BACKOFF_ARMED = 1000000;
 
 // True for 224.0.0.0/4 (network order).

@@ -23,21 +23,6 @@ static_assert(RTP_HDR_LEN + RTP_SRC_OPUS_MAX_BYTES == RTP_SRC_FILL_LIMIT);
 
 uint32_t opus_enc_rtp_ts;
 
-static float src_gain_lin(float dB)
-{
-    return gain_lin(dB);
-}
-
-static bool limcom_params_equal(const limcom_params &a, const limcom_params &b)
-{
-    // field by field: the padding after ch1 is not part of the identity
-    return a.enable == b.enable && a.ch0 == b.ch0 && a.ch1 == b.ch1 &&
-           memcmp(&a.attack, &b.attack, sizeof a.attack) == 0 &&
-           memcmp(&a.release, &b.release, sizeof a.release) == 0 &&
-           memcmp(&a.threshold, &b.threshold, sizeof a.threshold) == 0 &&
-           memcmp(&a.ratio, &b.ratio, sizeof a.ratio) == 0;
-}
-
 int rtp_src_cmp(const rtp_src *s, const src *p)
 {
     const bool same = limcom_params_equal(s->limcom.current_params, p->limcom_params) &&
@@ -149,7 +134,7 @@ static int resolve_mix_list(rtp_src *s, const src *p)
         memcpy(name, t, n);
         name[n] = '\0';
         s->mix[k] = n == 0 ? -1 : mix_ref(name);
-        s->gainv[k] = src_gain_lin(p->gainv_dB[k]);
+        s->gainv[k] = gain_lin(p->gainv_dB[k]);
         if (s->mix[k] < 0 || s->mix[k] >= MIX_OUT_MAX)
             return -1;
         if (t[n] == '\0') {
@@ -211,9 +196,9 @@ void pelod_update_rtp_sources()
                 s = *tail;
         if (s) {
             if (s->nchn > 0)
-                s->gainv[0] = src_gain_lin(p->gainv_dB[0]);
+                s->gainv[0] = gain_lin(p->gainv_dB[0]);
             if (s->nchn != 1)
-                s->gainv[1] = src_gain_lin(p->gainv_dB[1]);
+                s->gainv[1] = gain_lin(p->gainv_dB[1]);
             continue;
         }
         bool nomem = false;
@@ -407,12 +392,6 @@ void rtp_send(rtp_src *s, uint32_t rtp_ts) noexcept
 
 // ---- debug ----
 
-static void ip4(char *b, size_t n, in_addr a)
-{
-    const uint8_t *o = reinterpret_cast<const uint8_t *>(&a.s_addr);
-    snprintf(b, n, "%d.%d.%d.%d", o[0], o[1], o[2], o[3]);
-}
-
 void debug_print_src(int change_mark, const rtp_src *s, const src *p)
 {
     char suffix[96] = "";
@@ -432,8 +411,8 @@ void debug_print_src(int change_mark, const rtp_src *s, const src *p)
         printf("%c src ALSA %s%s <- %s (%d,%d)\n", change_mark, label, suffix, mixes, s->mix[0], s->mix[1]);
     } else {
         char dst[16], bind[16];
-        ip4(dst, sizeof dst, s->ep.sa_dst.sin_addr);
-        ip4(bind, sizeof bind, s->ep.sa_bind.sin_addr);
+        snprintf(dst, sizeof dst, "%d.%d.%d.%d", IP4(s->ep.sa_dst.sin_addr.s_addr));
+        snprintf(bind, sizeof bind, "%d.%d.%d.%d", IP4(s->ep.sa_bind.sin_addr.s_addr));
         printf("%c src  %s:%d #%d on %s %s%s <- %s (%d,%d)\n", change_mark, dst, ntohs(s->ep.sa_dst.sin_port),
                int(ntohl(s->ep.sa_dst.sin_addr.s_addr) & 0xFFFF), bind, label, suffix, mixes, s->mix[0],
                s->mix[1]);

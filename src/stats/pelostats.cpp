@@ -290,9 +290,7 @@ static void compose_inputs(text_buf &t, rtp_dst *dsts, float (*gain)[48], const 
 
 static void compose_addr(char *buf, size_t len, const sockaddr_in &sa)
 {
-    const uint32_t a = ntohl(sa.sin_addr.s_addr);
-    snprintf(buf, len, "%03u.%03u.%03u.%03u:%05u", a >> 24, (a >> 16) & 255, (a >> 8) & 255, a & 255,
-             unsigned(ntohs(sa.sin_port)));
+    snprintf(buf, len, "%03d.%03d.%03d.%03d:%05u", IP4(sa.sin_addr.s_addr), unsigned(ntohs(sa.sin_port)));
 }
 
 static void compose_outputs(text_buf &t, rtp_src *srcs)
