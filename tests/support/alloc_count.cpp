@@ -19,7 +19,16 @@ long alloc_count_stop()
     return count;
 }
 
-#if !defined(__SANITIZE_ADDRESS__)
+// Under AddressSanitizer malloc is the sanitizer's own: leave it alone
+// (gcc says so with __SANITIZE_ADDRESS__, clang with __has_feature).
+#if defined(__SANITIZE_ADDRESS__)
+#define ALLOC_COUNT_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ALLOC_COUNT_ASAN 1
+#endif
+#endif
+#if !defined(ALLOC_COUNT_ASAN)
 extern "C" void *__libc_malloc(size_t);
 extern "C" void *__libc_calloc(size_t, size_t);
 
