@@ -67,7 +67,7 @@ sim_result cycle_sim_run(const sim_scenario &sc)
     for (int i = 0; i < n; i++) {
         rtp_sk &sk = socks[i];
         memset(&sk, 0, sizeof sk);
-        sk.fd = -1;
+        sk.fd = 1000 + i; // never read: only its parity counts
         for (dlist &b : sk.rtp_sk_ep_list_ip_dst_hash)
             dlist_init(&b);
         rtp_dst &d = rtp_dsts[i];

@@ -177,7 +177,7 @@ struct rtp_dst {
     int16_t eaec_mic[EAEC_FRAME_MAX]; // rt
     int16_t eaec_spk[EAEC_FRAME_MAX]; // rt
     int16_t eaec_out[EAEC_FRAME_MAX]; // rt (sup clears it while eaec_source is -1)
-    int eaec_pos;           // rt (sup sets 0 while eaec_source is -1)
+    int eaec_pos;           // rt (sup sets the first value while eaec_source is -1)
     HANDLE_EAEC_PARAMS eaec_params; // sup; freed only after eaec_source -1 and a grace period
     HANDLE_EAEC_STATE eaec_state;   // sup; state inside: rt
     LimCom_Instance limcom;

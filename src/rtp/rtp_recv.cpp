@@ -351,7 +351,11 @@ void rtp_sk_deliver(rtp_sk *sk, in_addr_t dst_addr, uint32_t src_addr_h, const u
 bool rtp_sk_read_due(rtp_sk *sk, const rtp_rx_time &t) noexcept
 {
     const rtp_ep *ep = sk->rx_one;
-    if (!sk->rx_waited && ep && !sk->rx_mixed && ep->run && !ep->ahead && int32_t(ep->rx_wait_until - t.wake) >= 0) {
+    // half the sockets may wait on even wake-ups, half on odd ones, so the
+    // reads are spread evenly over the wake-ups
+    const bool turn = ((t.wake / MIX_BLOCK + uint32_t(sk->fd)) & 1) != 0;
+    if (turn && !sk->rx_waited && ep && !sk->rx_mixed && ep->run && !ep->ahead &&
+        int32_t(ep->rx_wait_until - t.wake) >= 0) {
         sk->rx_waited = 1;
         return false;
     }

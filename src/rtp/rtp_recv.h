@@ -52,8 +52,9 @@ void rtp_recv_all(const rtp_rx_time &t) noexcept;
 // [rt] Whether this wake-up reads sk. A socket whose last drain fed one
 // flow, locked and not found ahead, which holds enough audio that its next
 // datagram can neither look behind nor miss a block if read one wake-up
-// later, waits; never two wake-ups in a row. Other sockets are read at
-// every wake-up. Notes the decision in sk.
+// later, waits, on every other wake-up (by the parity of its descriptor,
+// so that half the sockets wait each time); never two wake-ups in a row.
+// Other sockets are read at every wake-up. Notes the decision in sk.
 bool rtp_sk_read_due(rtp_sk *sk, const rtp_rx_time &t) noexcept;
 // [rt] Drains up to 256 datagrams of sk without blocking and hands each to
 // rtp_sk_deliver. Reports "pelod: rtp_recvm" on errors other than EAGAIN.

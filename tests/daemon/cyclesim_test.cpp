@@ -28,11 +28,11 @@ TEST(CycleSim, LateWakeUpsLoseNothingStallsRecoverSteppedSendersRelock)
         // a clock of their own: one offset for all, whichever wake-up locked them
         {{"other clock", 48, 1000, 0, 2000, 0, 0, 0, 1500, 0, 0, 0, 0, 0, 0, 4, 1000003}, 0, 0, 0, 0, 96},
         // what the stall itself costs, and nothing after it
-        {{"stall 5 ms", 48, 600, 0, 500, 300, 5, 500, 0, 300, 0, 0, 0, 0, 0, 7}, 192, 13824, 0, 0},
-        {{"stall 100 ms", 48, 600, 0, 500, 300, 100, 500, 0, 300, 0, 0, 0, 0, 0, 9}, 4752, 232704, 0, 10},
-        {{"9 ms stall inside a drain", 48, 600, 0, 500, 300, 0, 500, 0, 300, 0, 0, 0, 0, 0, 14, 0, 9}, 384, 20736, 0, 0},
+        {{"stall 5 ms", 48, 600, 0, 500, 300, 5, 500, 0, 300, 0, 0, 0, 0, 0, 7}, 216, 13824, 0, 0},
+        {{"stall 100 ms", 48, 600, 0, 500, 300, 100, 500, 0, 300, 0, 0, 0, 0, 0, 9}, 4776, 232704, 0, 10},
+        {{"9 ms stall inside a drain", 48, 600, 0, 500, 300, 0, 500, 0, 300, 0, 0, 0, 0, 0, 14, 0, 9}, 276, 20736, 0, 0},
         // the blocks a stall skips never play what was written ahead for them
-        {{"stall 100 ms, senders pause", 8, 1000, 0, 500, 300, 100, 500, 0, 300, 402, 300, 0, 0, 0, 15}, 3176, 153216, 0, 0},
+        {{"stall 100 ms, senders pause", 8, 1000, 0, 500, 300, 100, 500, 0, 300, 402, 300, 0, 0, 0, 15}, 3180, 153216, 0, 0},
         {{"senders stall 20 ms", 48, 600, 0, 1000, 0, 0, 500, 0, 300, 300, 20, 0, 0, 0, 10}, 816, 39168, 0, 10},
         // a timestamp jump: one re-lock at once, the audio goes on where it was
         {{"step forward", 8, 600, 0, 1000, 0, 0, 500, 0, 300, 0, 0, 0, 300, 480, 11}, 0, 0, 1, 0},
