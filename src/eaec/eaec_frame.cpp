@@ -218,8 +218,10 @@ void output_stage(const eaec_params *p, eaec_chan *c, const float *e, const floa
     std::memcpy(c->h_im, f.h_im, sizeof(float) * size_t(p->kpad));
 }
 
-void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const short *mic, INT_PCM *out,
-                     int far_active, const frame_scratch &f) noexcept
+// Returns the filter delay the delay estimator asks for (channel 0 only,
+// else the one in force).
+int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const short *mic, INT_PCM *out,
+                    int far_active, int ch, const frame_scratch &f) noexcept
 {
     const int n = p->hop, m = p->nfft, nb = p->nbin;
     // Two echo estimates (overlap-save: the last N samples): the background
@@ -264,6 +266,15 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
     analyse(p, c->e_hist + (m - 2 * n), e, f.t2, f.es_re, f.es_im, f.work);
     analyse(p, c->y_hist, yhat, f.t2, f.ys_re, f.ys_im, f.work);
     std::memcpy(c->y_hist, yhat, sizeof(float) * size_t(n));
+    int delay = s->dl.delay;
+    if (ch == 0) {
+        // The microphone's spectrum is the sum of the two analysed ones.
+        for (int k = 0; k < p->kpad; k++) {
+            const float re = f.es_re[k] + f.ys_re[k], im = f.es_im[k] + f.ys_im[k];
+            f.pe[k] = re * re + im * im;
+        }
+        delay = delay_mic(p, s, f.pe, far_active, c->err_fg * 10.0f < c->err_mic);
+    }
 
     // Digital silence (below one 16-bit step) leaves the noise estimate alone.
     const int mic_silent = en_d < float(n) * 1e-10f;
@@ -307,6 +318,7 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
 
     supp_gain(p, c, f.mu, f.pe);
     output_stage(p, c, e, f.mu, f.pe, out, f);
+    return delay;
 }
 } // namespace
 
@@ -345,6 +357,7 @@ void eaec_derive(eaec_params *p, const EAEC_CONFIG *cfg, int hop, int nfft)
     p->delay_frames = std::max(0, (cfg->sfreq * cfg->sigdelay / hop) / 1000);
     const int tail = (cfg->sfreq / 1000 * EAEC_TAIL_MS + hop - 1) / hop;
     p->npart = std::min(EAEC_PART_MAX, p->delay_frames + tail);
+    delay_derive(p);
     p->floor_echo = float(std::pow(10.0, cfg->aec / 10.0));
     p->floor_noise = float(std::pow(10.0, cfg->nc / 10.0));
     // White far-end at -90 dBFS in every partition: below it the
@@ -362,10 +375,10 @@ void eaec_derive(eaec_params *p, const EAEC_CONFIG *cfg, int hop, int nfft)
 
 int eaec_alloc_state(const eaec_params *p, eaec_state *s)
 {
-    const size_t row = sizeof(float) * size_t(p->npart * p->kpad);
-    s->x_re = static_cast<float *>(eaec_calloc(row));
-    s->x_im = static_cast<float *>(eaec_calloc(row));
-    s->x_pow = static_cast<float *>(eaec_calloc(row));
+    const size_t ring = sizeof(float) * size_t(p->nring * p->kpad), row = sizeof(float) * size_t(p->npart * p->kpad);
+    s->x_re = static_cast<float *>(eaec_calloc(ring));
+    s->x_im = static_cast<float *>(eaec_calloc(ring));
+    s->x_pow = static_cast<float *>(eaec_calloc(ring));
     if (!s->x_re || !s->x_im || !s->x_pow)
         return -1;
     for (int i = 0; i < p->nmic; i++) {
@@ -406,10 +419,11 @@ void eaec_reset_state(const eaec_params *p, eaec_state *s)
     s->frames = 0;
     s->head = 0;
     std::memset(s->x_hist, 0, sizeof s->x_hist);
-    const size_t row = sizeof(float) * size_t(p->npart * p->kpad);
-    std::memset(s->x_re, 0, row);
-    std::memset(s->x_im, 0, row);
-    std::memset(s->x_pow, 0, row);
+    const size_t ring = sizeof(float) * size_t(p->nring * p->kpad);
+    std::memset(s->x_re, 0, ring);
+    std::memset(s->x_im, 0, ring);
+    std::memset(s->x_pow, 0, ring);
+    delay_reset(&s->dl);
     for (int i = 0; i < p->nmic; i++)
         chan_reset(p, s->chan[i], i);
 }
@@ -437,14 +451,28 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
     }
     const int far_active = energy > p->far_active;
 
-    s->head = s->head + 1 < p->npart ? s->head + 1 : 0;
+    s->head = s->head + 1 < p->nring ? s->head + 1 : 0;
     float *xr = s->x_re + s->head * kp, *xi = s->x_im + s->head * kp, *xp = s->x_pow + s->head * kp;
     eaec_rfft(&p->fft, s->x_hist, xr, xi, f.work);
     for (int k = 0; k < nb; k++)
         xp[k] = xr[k] * xr[k] + xi[k] * xi[k];
+    delay_far(p, s, xp, far_active);
 
-
-    for (int ch = 0; ch < p->nmic; ch++)
-        process_channel(p, s, s->chan[ch], mic + ch * n, out + ch * n, far_active, f);
+    int delay = s->dl.delay;
+    for (int ch = 0; ch < p->nmic; ch++) {
+        const int d = process_channel(p, s, s->chan[ch], mic + ch * n, out + ch * n, far_active, ch, f);
+        if (ch == 0)
+            delay = d;
+    }
+    if (delay != s->dl.delay) {
+        // The filters keep what they learnt where the old and the new
+        // window over the far end overlap.
+        for (int ch = 0; ch < p->nmic; ch++) {
+            eaec_chan *c = s->chan[ch];
+            afilt_shift(p, c->w_re, c->w_im, delay - s->dl.delay);
+            afilt_shift(p, c->f_re, c->f_im, delay - s->dl.delay);
+        }
+        s->dl.delay = delay;
+    }
     s->frames++;
 }

@@ -46,7 +46,7 @@ static void coherence(const eaec_params *p, const eaec_state *s, eaec_chan *c, c
     float best = -1.0f;
     int best_lag = 0;
     for (int lag = 0; lag < EAEC_LAGS; lag++) {
-        const int slot = (s->head - lag + p->npart) % p->npart;
+        const int slot = eaec_slot(p, s, lag);
         const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
         float *sxx = c->sxx[lag], *cr = c->sxe_re[lag], *ci = c->sxe_im[lag];
         v4 score = v4_dup(0.0f);
