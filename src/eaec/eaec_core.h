@@ -74,6 +74,7 @@ struct eaec_chan {
     alignas(16) float m_e[EAEC_KPAD_MAX], m_y[EAEC_KPAD_MAX];   // slow means for the leak
     alignas(16) float r_ey[EAEC_KPAD_MAX], r_yy[EAEC_KPAD_MAX]; // leak regression
     alignas(16) float noise[EAEC_KPAD_MAX];        // noise power estimate
+    alignas(16) float leak_bin[EAEC_KPAD_MAX];     // leak per bin (by bands)
     alignas(16) float sxx[EAEC_LAGS][EAEC_KPAD_MAX];    // far-end power, per lag in frames
     alignas(16) float sxe_re[EAEC_LAGS][EAEC_KPAD_MAX]; // far-end/error cross spectrum
     alignas(16) float sxe_im[EAEC_LAGS][EAEC_KPAD_MAX];
@@ -82,6 +83,7 @@ struct eaec_chan {
     float leak;                        // residual echo / echo estimate power
     int leak_valid;
     int part_next;                     // next partition to constrain
+    int far_hold;                      // frames the far end still counts as talking
     uint32_t rng;                      // comfort noise
 };
 

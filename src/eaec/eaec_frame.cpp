@@ -18,6 +18,7 @@ constexpr float TWO_PATH_RATE = 0.3f;   // error energy smoothing per frame
 constexpr float TWO_PATH_BETTER = 0.7f; // background 1.5 dB better: copy it
 constexpr float TWO_PATH_WORSE = 8.0f;  // background 9 dB worse: reset it
 constexpr int CONSTRAIN_PER_FRAME = 1;  // partitions cut back to N taps per frame
+constexpr int FAR_HANGOVER = 30;       // frames the far end counts as talking after it stops
 constexpr float PROPORTIONATE_SHARE = 0.5f; // of the step, by partition norm
 
 // The process-wide scratch area: one frame at a time borrows it (the
@@ -172,6 +173,8 @@ void chan_reset(const eaec_params *p, eaec_chan *c, int index)
     for (int k = 0; k < EAEC_KPAD_MAX; k++)
         c->h_re[k] = 1.0f; // the output filter starts as identity
     c->leak = 1.0f;
+    for (int k = 0; k < EAEC_KPAD_MAX; k++)
+        c->leak_bin[k] = 1.0f;
     c->rng = 0x2545F491u + uint32_t(index) * 0x9E3779B9u;
     for (int k = 0; k < EAEC_KPAD_MAX; k++)
         c->noise[k] = 1.0f; // falls to the first frames' level at once
@@ -316,7 +319,8 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
             afilt_constrain(p, c, f.t2, f.work);
     }
 
-    supp_gain(p, c, f.mu, f.pe);
+    c->far_hold = far_active ? FAR_HANGOVER : std::max(0, c->far_hold - 1);
+    supp_gain(p, c, f.mu, f.pe, c->far_hold > 0);
     output_stage(p, c, e, f.mu, f.pe, out, f);
     return delay;
 }
