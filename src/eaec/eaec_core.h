@@ -83,6 +83,8 @@ struct eaec_chan {
     float leak;                        // residual echo / echo estimate power
     int leak_valid;
     int part_next;                     // next partition to constrain
+    int was_locked;                    // the foreground has cancelled well since the last change
+    int harm_frames;                   // far-active frames both filters did harm in a row
     int far_hold;                      // frames the far end still counts as talking
     uint32_t rng;                      // comfort noise
 };

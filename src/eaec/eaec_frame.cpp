@@ -17,6 +17,9 @@ constexpr float PCM_OUT = 32768.0f;
 constexpr float TWO_PATH_RATE = 0.3f;   // error energy smoothing per frame
 constexpr float TWO_PATH_BETTER = 0.7f; // background 1.5 dB better: copy it
 constexpr float TWO_PATH_WORSE = 8.0f;  // background 9 dB worse: reset it
+constexpr float TWO_PATH_HARM = 1.2f;   // both 1.8 dB above the microphone ...
+constexpr int TWO_PATH_HARM_FRAMES = 5; // ... for this many far-active frames: reset both
+constexpr float LOCKED = 10.0f;         // the foreground takes 10 dB off the microphone
 constexpr int CONSTRAIN_PER_FRAME = 1;  // partitions cut back to N taps per frame
 constexpr int FAR_HANGOVER = 30;       // frames the far end counts as talking after it stops
 constexpr float PROPORTIONATE_SHARE = 0.5f; // of the step, by partition norm
@@ -248,6 +251,10 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
         en_f += e[i] * e[i];
     }
     if (far_active) {
+        if (!(c->err_fg > TWO_PATH_HARM * c->err_mic))
+            c->harm_frames = 0;
+        if (c->err_fg * LOCKED < c->err_mic)
+            c->was_locked = 1;
         c->err_bg += TWO_PATH_RATE * (en_b - c->err_bg);
         c->err_fg += TWO_PATH_RATE * (en_f - c->err_fg);
         c->err_mic += TWO_PATH_RATE * (en_d - c->err_mic);
@@ -258,6 +265,17 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
                 yhat[i] += e[i] - eb[i];
                 e[i] = eb[i];
             }
+        } else if (c->was_locked && c->err_fg > TWO_PATH_HARM * c->err_mic &&
+                   c->err_bg > TWO_PATH_HARM * c->err_mic && ++c->harm_frames >= TWO_PATH_HARM_FRAMES) {
+            // Both add echo rather than take it away: the echo path has
+            // changed beyond what they know. The background starts again
+            // from nothing, which is nearer than a filter for the old path;
+            // the foreground keeps going until the background beats it
+            // (so a burst of garbage does not cost the foreground).
+            afilt_scale(p, c->w_re, c->w_im, 0.0f);
+            c->err_bg = c->err_fg; // copied once its own error is clearly lower
+            c->harm_frames = 0;
+            c->was_locked = 0;
         } else if (c->err_bg > TWO_PATH_WORSE * c->err_fg) {
             // Double talk pulled the background away: restart it from the
             // foreground.
@@ -276,7 +294,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
             const float re = f.es_re[k] + f.ys_re[k], im = f.es_im[k] + f.ys_im[k];
             f.pe[k] = re * re + im * im;
         }
-        delay = delay_mic(p, s, f.pe, far_active, c->err_fg * 10.0f < c->err_mic);
+        delay = delay_mic(p, s, f.pe, far_active, c->err_fg * LOCKED < c->err_mic);
     }
 
     // Digital silence (below one 16-bit step) leaves the noise estimate alone.
@@ -475,6 +493,7 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
             eaec_chan *c = s->chan[ch];
             afilt_shift(p, c->w_re, c->w_im, delay - s->dl.delay);
             afilt_shift(p, c->f_re, c->f_im, delay - s->dl.delay);
+            c->was_locked = 0;
         }
         s->dl.delay = delay;
     }
