@@ -33,14 +33,6 @@ ns_pelod::~ns_pelod()
         stop();
 }
 
-std::string idle_crosspoints(int n)
-{
-    std::string s;
-    for (int i = 1; i <= n; i++)
-        s += "XPT mix=idle src=" + std::to_string(100 + i) + "\n";
-    return s;
-}
-
 int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group, const char *ifa)
 {
     const netns_scope in(ns);
@@ -75,10 +67,8 @@ void rtp_send(int fd, const char *to, uint16_t port, uint8_t pt, uint16_t seq, u
 void rtp_drain(int fd, std::vector<rtp_pkt> &into)
 {
     uint8_t b[1500];
-    sockaddr_in from{};
     for (;;) {
-        socklen_t fl = sizeof from;
-        const ssize_t n = recvfrom(fd, b, sizeof b, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &fl);
+        const ssize_t n = recv(fd, b, sizeof b, MSG_DONTWAIT);
         if (n < 0)
             return;
         if (n < 12)
@@ -86,7 +76,6 @@ void rtp_drain(int fd, std::vector<rtp_pkt> &into)
         rtp_pkt p;
         p.seq = be16(b + 2);
         p.ts = be32(b + 4);
-        p.from = inet_ntoa(from.sin_addr);
         p.payload.assign(b + 12, b + n);
         into.push_back(std::move(p));
     }
@@ -123,58 +112,6 @@ void paced_1ms(int ms, const std::function<void(int, uint32_t)> &each)
     }
     if (raised)
         sched_setscheduler(0, policy, &old);
-}
-
-std::vector<int32_t> l24_channel(const std::vector<uint8_t> &payload, int nchan, int ch)
-{
-    std::vector<int32_t> v;
-    for (size_t o = size_t(3 * ch); o + 3 <= payload.size(); o += size_t(3 * nchan))
-        v.push_back(be24(&payload[o]));
-    return v;
-}
-
-int delay_fit::mode() const
-{
-    int best = -1, n = 0;
-    for (const auto &[d, c] : delays)
-        if (c > n)
-            best = d, n = c;
-    return best;
-}
-
-int delay_fit::settled() const
-{
-    delay_fit tail;
-    for (size_t i = in_order.size() > 100 ? in_order.size() - 100 : 0; i < in_order.size(); i++)
-        tail.delays[in_order[i]]++;
-    return tail.mode();
-}
-
-delay_fit fit_delay(const std::vector<rtp_pkt> &out, const std::function<int32_t(uint32_t)> &expect, int dmin,
-                    int dmax, int tol)
-{
-    delay_fit f;
-    for (const rtp_pkt &p : out) {
-        const std::vector<int32_t> y = l24_channel(p.payload, 1, 0);
-        if (std::all_of(y.begin(), y.end(), [](int32_t v) { return v == 0; }))
-            continue;
-        int found = -1;
-        for (int d = dmin; d <= dmax && found < 0; d++) {
-            bool all = true;
-            for (size_t k = 0; k < y.size() && all; k++)
-                all = std::abs(y[k] - expect(p.ts + uint32_t(k) - uint32_t(d))) <= tol;
-            if (all)
-                found = d;
-        }
-        if (found < 0) {
-            f.unmatched++;
-        } else {
-            f.matched++;
-            f.delays[found]++;
-            f.in_order.push_back(found);
-        }
-    }
-    return f;
 }
 
 tone_measure measure_tone(const std::vector<float> &x)

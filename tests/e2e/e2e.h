@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -28,9 +27,6 @@ struct ns_pelod : pelod_proc {
     ~ns_pelod();
 };
 
-// Configuration lines for n more endpoints (channels 101.., in mix idle).
-std::string idle_crosspoints(int n);
-
 // An empty file under /tmp for a program to write, removed with the object.
 struct tmp_out {
     const std::string path;
@@ -41,7 +37,6 @@ struct tmp_out {
 struct rtp_pkt {
     uint16_t seq = 0;
     uint32_t ts = 0;
-    std::string from; // source address
     std::vector<uint8_t> payload;
 };
 
@@ -60,27 +55,6 @@ void rtp_drain(int fd, std::vector<rtp_pkt> &into);
 // sender on the media clock sends it (the daemon wakes on whole
 // milliseconds). Runs at a low real-time priority when it may.
 void paced_1ms(int ms, const std::function<void(int k, uint32_t ts)> &each);
-
-// Channel ch of an interleaved 24-bit payload of nchan channels.
-std::vector<int32_t> l24_channel(const std::vector<uint8_t> &payload, int nchan, int ch);
-
-// The sample at every output timestamp, against the input timestamp it
-// came from: the fit finds, per packet, the delay D (output timestamp minus
-// input timestamp) for which every sample of the packet is expect(ts - D)
-// within `tol`. Silent packets are left out.
-struct delay_fit {
-    int matched = 0;   // packets that fit
-    int unmatched = 0; // packets with sound that fit no delay in range
-    std::map<int, int> delays; // delay -> packets
-    std::vector<int> in_order; // delay of each packet that fits
-    int mode() const;          // the most frequent delay, -1 when none
-    // The most frequent delay of the last 100 packets that fit: where the
-    // lock settled (the first packet after a skipped wake-up carries the
-    // mix of the block before it, and so looks later).
-    int settled() const;
-};
-delay_fit fit_delay(const std::vector<rtp_pkt> &out, const std::function<int32_t(uint32_t)> &expect, int dmin,
-                    int dmax, int tol = 2);
 
 // Level and pitch of a tone; the leading and trailing silence (and 20 ms
 // beside it) is left out. The dropouts of a busy machine do not move
