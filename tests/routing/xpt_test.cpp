@@ -104,25 +104,6 @@ TEST_F(XptEmpty, OverflowOfFlowsAndOfMixOutputs)
               "update_flows no mixer input availableupdate_flows no mixer output available");
 }
 
-TEST_F(XptEmpty, PruneKeepsMixesOfOutgoingStreams)
-{
-    const pelod_xpt x[] = {xp("spk", "a"), xp("line", "a"), xp("rec", "a")};
-    for (const pelod_xpt &e : x)
-        pelod_xpt_add(&e);
-    rtp_src s{};
-    s.nchn = 2;
-    s.mix[1] = 1; // mix[0] = 0: "spk"
-    rtp_srcs = &s;
-    for (const pelod_xpt &e : x)
-        pelod_xpt_del(&e);
-    EXPECT_EQ(routing(), "| spk=- line=- | 0 sk");
-    s.nchn = 1;
-    debug = 1;
-    testing::internal::CaptureStdout();
-    mixs_prune();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "- mix  line\n");
-}
-
 // The cycle may read a free flow while it is re-initialised: its canceller
 // reference and its column must never be seen at 0 (flow 0's column).
 TEST(XptInit, CycleNeverSeesAHalfClearedFlow)
