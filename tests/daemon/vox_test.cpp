@@ -4,7 +4,11 @@
 #include "support/cycle_tables.h"
 #include "support/rtp_wire.h"
 
+#include "support/emulation.h"
+
 #include <arpa/inet.h>
+#include <atomic>
+#include <thread>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -104,4 +108,23 @@ TEST_F(VoxFlows, GatedFlowIsMixedOnlyForItsHoldTimeAfterALoudPacket)
     EXPECT_EQ(rx.take(), (texts{R"({"vox":["talker"]})", R"({"vox":[]})"}));
 }
 
+// A reload asks for a notification while the cycle runs its detector: the
+// request is never lost to the cycle's own write of its pending flag.
+TEST_F(VoxFlows, RequestFromAReloadIsNeverLost)
+{
+    SKIP_UNDER_EMULATION();
+    std::atomic<bool> stop{false};
+    std::thread cycle([&] {
+        for (uint32_t t = ts; !stop; t += 48)
+            vox_frame(t);
+    });
+    int heard = 0;
+    for (int n = 0; n < 200; n++) {
+        vox_notify_request();
+        heard += !rx.take(200).empty();
+    }
+    stop = true;
+    cycle.join();
+    EXPECT_EQ(heard, 200);
+}
 } // namespace
