@@ -2,16 +2,14 @@
 #include "daemon/pelod.h"
 #include "daemon/vox.h"
 #include "support/cycle_tables.h"
-#include "support/rtp_wire.h"
-
 #include "support/emulation.h"
+#include "support/rtp_wire.h"
 
 #include <arpa/inet.h>
 #include <atomic>
-#include <thread>
-#include <cstring>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -54,17 +52,6 @@ protected:
         rtp_dsts[i].vox = pelod_vox_cfg{threshold, holdtime, gate};
         return rtp_dsts[i];
     }
-    // One block: every flow's 48 ring samples are v, then the detector runs.
-    void block(float v = 0.0f)
-    {
-        for (uint32_t k = 0; k < 48; k++)
-            for (int i = 0; i < RTP_DST_MAX; i++)
-                *mix_slot(ts + k, i) = v;
-        vox_frame(ts);
-        ts += 48;
-    }
-    // Flow i's first sample of that block, as the mixing step sees it.
-    float heard(int i) const { return *mix_slot(ts - 48, i); }
 };
 
 TEST_F(VoxFlows, StartAndEndOfEachTalkerSendTheWholeList)
@@ -77,7 +64,7 @@ TEST_F(VoxFlows, StartAndEndOfEachTalkerSendTheWholeList)
     for (size_t b = 0; b < std::size(want); b++) {
         if (b == 1)
             rtp_dsts[2].vox_sample = 0.1f; // exactly the threshold counts
-        block();
+        vox_frame(ts += 48);
         EXPECT_EQ(rx.take(), want[b]) << "block " << b + 1;
     }
 }

@@ -1,8 +1,6 @@
 #include "e2e.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
-#include <cmath>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -112,69 +110,4 @@ void paced_1ms(int ms, const std::function<void(int, uint32_t)> &each)
     }
     if (raised)
         sched_setscheduler(0, policy, &old);
-}
-
-tone_measure measure_tone(const std::vector<float> &x)
-{
-    tone_measure m;
-    float peak = 0.0f;
-    for (float v : x)
-        peak = std::max(peak, std::fabs(v));
-    size_t a = 0, b = x.size();
-    while (a < b && std::fabs(x[a]) < 0.05f * peak)
-        a++;
-    while (b > a && std::fabs(x[b - 1]) < 0.05f * peak)
-        b--;
-    a += 960;
-    b = b > 960 ? b - 960 : 0;
-    if (peak == 0.0f || b <= a + 960)
-        return m;
-    m.samples = b - a;
-    std::vector<double> blocks, iv;
-    for (size_t i = a; i + 480 <= b; i += 480) {
-        double sum = 0.0;
-        for (size_t j = i; j < i + 480; j++)
-            sum += double(x[j]) * x[j];
-        blocks.push_back(10.0 * std::log10(sum / 480.0 + 1e-30));
-    }
-    std::nth_element(blocks.begin(), blocks.begin() + long(blocks.size() / 2), blocks.end());
-    m.rms_dbfs = blocks[blocks.size() / 2];
-    double prev = -1.0;
-    for (size_t i = a + 1; i < b; i++)
-        if (x[i - 1] < 0.0f && x[i] >= 0.0f) {
-            const double at = double(i - 1) + double(-x[i - 1]) / double(x[i] - x[i - 1]);
-            if (prev >= 0.0)
-                iv.push_back(at - prev);
-            prev = at;
-        }
-    if (iv.empty())
-        return m;
-    std::vector<double> sorted = iv;
-    std::nth_element(sorted.begin(), sorted.begin() + long(sorted.size() / 2), sorted.end());
-    const double med = sorted[sorted.size() / 2];
-    double sum = 0.0;
-    int n = 0;
-    for (double v : iv)
-        if (std::fabs(v - med) < 0.05 * med)
-            sum += v, n++;
-    m.freq_hz = 48000.0 * n / sum;
-    return m;
-}
-
-std::vector<float> pcm_channel0(const std::string &path)
-{
-    const std::string w = read_file(path);
-    const auto *d = reinterpret_cast<const uint8_t *>(w.data());
-    const bool wav = w.size() >= 44 && w.compare(0, 4, "RIFF") == 0;
-    const size_t ch = wav ? d[22] : 1, bytes = wav ? d[34] / 8 : 2, step = ch * bytes;
-    std::vector<float> x;
-    if (ch < 1 || (bytes != 2 && bytes != 3))
-        return x;
-    for (size_t o = wav ? 44 : 0; o + step <= w.size(); o += step) {
-        const int32_t v = bytes == 2 ? int16_t(d[o] | d[o + 1] << 8)
-                                     : int32_t(uint32_t(d[o]) << 8 | uint32_t(d[o + 1]) << 16 |
-                                               uint32_t(d[o + 2]) << 24) >> 8;
-        x.push_back(float(v / (bytes == 2 ? 32767.0 : FULL24)));
-    }
-    return x;
 }
