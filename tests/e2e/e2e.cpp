@@ -1,8 +1,6 @@
 #include "e2e.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
-#include <cmath>
 #include <csignal>
 #include <cstring>
 #include <ctime>
@@ -31,14 +29,6 @@ ns_pelod::~ns_pelod()
 {
     if (pid > 0)
         stop();
-}
-
-std::string idle_crosspoints(int n)
-{
-    std::string s;
-    for (int i = 1; i <= n; i++)
-        s += "XPT mix=idle src=" + std::to_string(100 + i) + "\n";
-    return s;
 }
 
 int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group, const char *ifa)
@@ -75,10 +65,8 @@ void rtp_send(int fd, const char *to, uint16_t port, uint8_t pt, uint16_t seq, u
 void rtp_drain(int fd, std::vector<rtp_pkt> &into)
 {
     uint8_t b[1500];
-    sockaddr_in from{};
     for (;;) {
-        socklen_t fl = sizeof from;
-        const ssize_t n = recvfrom(fd, b, sizeof b, MSG_DONTWAIT, reinterpret_cast<sockaddr *>(&from), &fl);
+        const ssize_t n = recv(fd, b, sizeof b, MSG_DONTWAIT);
         if (n < 0)
             return;
         if (n < 12)
@@ -86,7 +74,6 @@ void rtp_drain(int fd, std::vector<rtp_pkt> &into)
         rtp_pkt p;
         p.seq = be16(b + 2);
         p.ts = be32(b + 4);
-        p.from = inet_ntoa(from.sin_addr);
         p.payload.assign(b + 12, b + n);
         into.push_back(std::move(p));
     }
@@ -123,121 +110,4 @@ void paced_1ms(int ms, const std::function<void(int, uint32_t)> &each)
     }
     if (raised)
         sched_setscheduler(0, policy, &old);
-}
-
-std::vector<int32_t> l24_channel(const std::vector<uint8_t> &payload, int nchan, int ch)
-{
-    std::vector<int32_t> v;
-    for (size_t o = size_t(3 * ch); o + 3 <= payload.size(); o += size_t(3 * nchan))
-        v.push_back(be24(&payload[o]));
-    return v;
-}
-
-int delay_fit::mode() const
-{
-    int best = -1, n = 0;
-    for (const auto &[d, c] : delays)
-        if (c > n)
-            best = d, n = c;
-    return best;
-}
-
-int delay_fit::settled() const
-{
-    delay_fit tail;
-    for (size_t i = in_order.size() > 100 ? in_order.size() - 100 : 0; i < in_order.size(); i++)
-        tail.delays[in_order[i]]++;
-    return tail.mode();
-}
-
-delay_fit fit_delay(const std::vector<rtp_pkt> &out, const std::function<int32_t(uint32_t)> &expect, int dmin,
-                    int dmax, int tol)
-{
-    delay_fit f;
-    for (const rtp_pkt &p : out) {
-        const std::vector<int32_t> y = l24_channel(p.payload, 1, 0);
-        if (std::all_of(y.begin(), y.end(), [](int32_t v) { return v == 0; }))
-            continue;
-        int found = -1;
-        for (int d = dmin; d <= dmax && found < 0; d++) {
-            bool all = true;
-            for (size_t k = 0; k < y.size() && all; k++)
-                all = std::abs(y[k] - expect(p.ts + uint32_t(k) - uint32_t(d))) <= tol;
-            if (all)
-                found = d;
-        }
-        if (found < 0) {
-            f.unmatched++;
-        } else {
-            f.matched++;
-            f.delays[found]++;
-            f.in_order.push_back(found);
-        }
-    }
-    return f;
-}
-
-tone_measure measure_tone(const std::vector<float> &x)
-{
-    tone_measure m;
-    float peak = 0.0f;
-    for (float v : x)
-        peak = std::max(peak, std::fabs(v));
-    size_t a = 0, b = x.size();
-    while (a < b && std::fabs(x[a]) < 0.05f * peak)
-        a++;
-    while (b > a && std::fabs(x[b - 1]) < 0.05f * peak)
-        b--;
-    a += 960;
-    b = b > 960 ? b - 960 : 0;
-    if (peak == 0.0f || b <= a + 960)
-        return m;
-    m.samples = b - a;
-    std::vector<double> blocks, iv;
-    for (size_t i = a; i + 480 <= b; i += 480) {
-        double sum = 0.0;
-        for (size_t j = i; j < i + 480; j++)
-            sum += double(x[j]) * x[j];
-        blocks.push_back(10.0 * std::log10(sum / 480.0 + 1e-30));
-    }
-    std::nth_element(blocks.begin(), blocks.begin() + long(blocks.size() / 2), blocks.end());
-    m.rms_dbfs = blocks[blocks.size() / 2];
-    double prev = -1.0;
-    for (size_t i = a + 1; i < b; i++)
-        if (x[i - 1] < 0.0f && x[i] >= 0.0f) {
-            const double at = double(i - 1) + double(-x[i - 1]) / double(x[i] - x[i - 1]);
-            if (prev >= 0.0)
-                iv.push_back(at - prev);
-            prev = at;
-        }
-    if (iv.empty())
-        return m;
-    std::vector<double> sorted = iv;
-    std::nth_element(sorted.begin(), sorted.begin() + long(sorted.size() / 2), sorted.end());
-    const double med = sorted[sorted.size() / 2];
-    double sum = 0.0;
-    int n = 0;
-    for (double v : iv)
-        if (std::fabs(v - med) < 0.05 * med)
-            sum += v, n++;
-    m.freq_hz = 48000.0 * n / sum;
-    return m;
-}
-
-std::vector<float> pcm_channel0(const std::string &path)
-{
-    const std::string w = read_file(path);
-    const auto *d = reinterpret_cast<const uint8_t *>(w.data());
-    const bool wav = w.size() >= 44 && w.compare(0, 4, "RIFF") == 0;
-    const size_t ch = wav ? d[22] : 1, bytes = wav ? d[34] / 8 : 2, step = ch * bytes;
-    std::vector<float> x;
-    if (ch < 1 || (bytes != 2 && bytes != 3))
-        return x;
-    for (size_t o = wav ? 44 : 0; o + step <= w.size(); o += step) {
-        const int32_t v = bytes == 2 ? int16_t(d[o] | d[o + 1] << 8)
-                                     : int32_t(uint32_t(d[o]) << 8 | uint32_t(d[o + 1]) << 16 |
-                                               uint32_t(d[o + 2]) << 24) >> 8;
-        x.push_back(float(v / (bytes == 2 ? 32767.0 : FULL24)));
-    }
-    return x;
 }

@@ -1,6 +1,6 @@
 // Helpers of the end-to-end tests: the built daemon in a network
-// namespace, RTP sockets in that namespace, a paced sender on the media
-// clock, and the measures the tests take of what comes out.
+// namespace, RTP sockets in that namespace and a paced sender on the
+// media clock.
 #pragma once
 #include "support/daemon.h"
 #include "support/netns.h"
@@ -9,13 +9,10 @@
 
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
-inline const std::string tone_bin = std::string(PELOD_TOOLS_DIR) + "/pelod-tone";
-inline const std::string listen_bin = std::string(PELOD_TOOLS_DIR) + "/pelod-listen";
 inline constexpr double FULL24 = 8388607.0;
 
 // The daemon started in `ns` on the system clock; `up` once the pid file
@@ -28,20 +25,9 @@ struct ns_pelod : pelod_proc {
     ~ns_pelod();
 };
 
-// Configuration lines for n more endpoints (channels 101.., in mix idle).
-std::string idle_crosspoints(int n);
-
-// An empty file under /tmp for a program to write, removed with the object.
-struct tmp_out {
-    const std::string path;
-    explicit tmp_out(const char *suffix) : path(tmp_file("", suffix)) {}
-    ~tmp_out() { unlink(path.c_str()); }
-};
-
 struct rtp_pkt {
     uint16_t seq = 0;
     uint32_t ts = 0;
-    std::string from; // source address
     std::vector<uint8_t> payload;
 };
 
@@ -60,38 +46,3 @@ void rtp_drain(int fd, std::vector<rtp_pkt> &into);
 // sender on the media clock sends it (the daemon wakes on whole
 // milliseconds). Runs at a low real-time priority when it may.
 void paced_1ms(int ms, const std::function<void(int k, uint32_t ts)> &each);
-
-// Channel ch of an interleaved 24-bit payload of nchan channels.
-std::vector<int32_t> l24_channel(const std::vector<uint8_t> &payload, int nchan, int ch);
-
-// The sample at every output timestamp, against the input timestamp it
-// came from: the fit finds, per packet, the delay D (output timestamp minus
-// input timestamp) for which every sample of the packet is expect(ts - D)
-// within `tol`. Silent packets are left out.
-struct delay_fit {
-    int matched = 0;   // packets that fit
-    int unmatched = 0; // packets with sound that fit no delay in range
-    std::map<int, int> delays; // delay -> packets
-    std::vector<int> in_order; // delay of each packet that fits
-    int mode() const;          // the most frequent delay, -1 when none
-    // The most frequent delay of the last 100 packets that fit: where the
-    // lock settled (the first packet after a skipped wake-up carries the
-    // mix of the block before it, and so looks later).
-    int settled() const;
-};
-delay_fit fit_delay(const std::vector<rtp_pkt> &out, const std::function<int32_t(uint32_t)> &expect, int dmin,
-                    int dmax, int tol = 2);
-
-// Level and pitch of a tone; the leading and trailing silence (and 20 ms
-// beside it) is left out. The dropouts of a busy machine do not move
-// them: the level is the median of 10 ms blocks, the period the mean of
-// the zero-crossing intervals near their median.
-struct tone_measure {
-    double rms_dbfs = -200.0; // full scale 1.0
-    double freq_hz = 0.0;
-    size_t samples = 0; // analysed
-};
-tone_measure measure_tone(const std::vector<float> &x);
-// Channel 0 of a WAV file (16- or 24-bit PCM) or else of raw signed
-// 16-bit little-endian mono, full scale 1.0.
-std::vector<float> pcm_channel0(const std::string &path);

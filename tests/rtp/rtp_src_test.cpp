@@ -60,8 +60,7 @@ protected:
         made.push_back(s);
         return s;
     }
-    // Runs `cycles` cycles from rtp_ts; loopback sends are queued before
-    // sendto returns, so each cycle's packet is there to read at once.
+    // Runs `cycles` cycles from rtp_ts; each cycle's packet is there to read at once.
     std::vector<packet> run(rtp_src *s, uint32_t rtp_ts, int cycles)
     {
         std::vector<packet> got;
@@ -94,9 +93,7 @@ TEST_F(RtpSendLoopback, HeaderSequenceTimestampSsrcAndDefaultPayloadTypes)
     }
 }
 
-// Frame k of the block carries +v on even and -v on odd frames, so the
-// expected samples alternate sign too (truncation and the 24-bit wrap are
-// both symmetric).
+// Frame k carries +v on even and -v on odd frames, and so do the samples.
 TEST_F(RtpSendLoopback, PcmIs24BitBigEndianOfGainTimesMixWithoutClipping)
 {
     const struct {
@@ -175,19 +172,11 @@ std::vector<rtp_src *> configure(std::initializer_list<src> list)
     return running;
 }
 
-class RtpSourcesUpdate : public ::testing::Test { // state: no stream running, every mix output free
-protected:
-    void SetUp() override
-    {
-        configure({});
-        mix_init();
-        opus_enc_rtp_ts = 0;
-    }
-    void TearDown() override { SetUp(); }
-};
-
-TEST_F(RtpSourcesUpdate, ReloadKeepsOrReplacesStreamsByIdentity)
+TEST(RtpSourcesUpdate, ReloadKeepsOrReplacesStreamsByIdentity)
 {
+    configure({});
+    mix_init();
+    opus_enc_rtp_ts = 0;
     src p = configured("a:b", 5004);
     rtp_src *s = configure({p}).at(0);
     for (uint32_t c = 0; c < 3; c++)
@@ -213,5 +202,6 @@ TEST_F(RtpSourcesUpdate, ReloadKeepsOrReplacesStreamsByIdentity)
     EXPECT_EQ(v[0]->opus_inbuf_avail, 48);
     EXPECT_EQ(v[1]->opus_inbuf_avail, 0);
     EXPECT_TRUE(configure({}).empty());
+    mix_init();
 }
 } // namespace

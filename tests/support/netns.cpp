@@ -82,34 +82,3 @@ netns_scope::~netns_scope()
     setns(home, CLONE_NEWNET);
     close(home);
 }
-
-static std::string addr_up(const netns &ns, const std::string &ifname, const std::string &cidr)
-{
-    std::string c = "ip -n " + ns.name + " link set " + ifname + " up";
-    if (!cidr.empty())
-        c = "ip -n " + ns.name + " addr add " + cidr + " dev " + ifname + " && " + c;
-    return c;
-}
-
-bool netns_veth(const netns &a, const std::string &if_a, const std::string &cidr_a, const netns &b,
-                const std::string &if_b, const std::string &cidr_b)
-{
-    return shell("ip -n " + a.name + " link add " + if_a + " type veth peer name " + if_b + " netns " + b.name +
-                 " && " + addr_up(a, if_a, cidr_a) + " && " + addr_up(b, if_b, cidr_b)) == 0;
-}
-
-bool netns_bridge(const netns &hub, const std::string &br, const std::string &cidr)
-{
-    return shell("ip -n " + hub.name + " link add " + br + " type bridge mcast_snooping 0 && " +
-                 addr_up(hub, br, cidr)) == 0;
-}
-
-std::string netns_bridge_port(const netns &hub, const std::string &br, const netns &host, const std::string &ifname,
-                              const std::string &cidr)
-{
-    static int ports = 0;
-    const std::string peer = br + "p" + std::to_string(ports++);
-    const bool ok = netns_veth(host, ifname, cidr, hub, peer, "") &&
-                    shell("ip -n " + hub.name + " link set " + peer + " master " + br) == 0;
-    return ok ? peer : "";
-}

@@ -43,17 +43,3 @@ struct netns_scope {
     netns_scope &operator=(const netns_scope &) = delete;
     bool ok() const { return home >= 0; }
 };
-
-// A veth pair between two namespaces: `if_a` in a with address cidr_a
-// (e.g. "10.1.0.1/24"), `if_b` in b with cidr_b; an empty address leaves
-// that end without one. Both ends up. False on failure.
-bool netns_veth(const netns &a, const std::string &if_a, const std::string &cidr_a, const netns &b,
-                const std::string &if_b, const std::string &cidr_b);
-// A bridge `br` in hub, up, with address cidr ("" for none). Multicast
-// snooping is off: every port sees every group.
-bool netns_bridge(const netns &hub, const std::string &br, const std::string &cidr);
-// Plugs `host` into bridge br of hub: interface `ifname` in host with
-// address cidr, its peer a port of br. Returns the port's name in hub
-// ("" on failure), which `ip link set PORT nomaster` cuts off the bridge.
-std::string netns_bridge_port(const netns &hub, const std::string &br, const netns &host, const std::string &ifname,
-                              const std::string &cidr);
