@@ -89,21 +89,6 @@ TEST_F(XptEmpty, FlowsAreSharedPerSourceAndChannelAndModesFollow)
     EXPECT_EQ(pelod_xpt_del(&c), -1);
 }
 
-TEST_F(XptEmpty, OverflowOfFlowsAndOfMixOutputs)
-{
-    pelod_xpt x{};
-    testing::internal::CaptureStdout();
-    for (int i = 0; i < 49; i++) {
-        snprintf(x.mix, sizeof x.mix, "m%d", i % 16);
-        snprintf(x.src, sizeof x.src, "s%d", i);
-        EXPECT_EQ(pelod_xpt_add(&x), i < 48 ? 0 : -1);
-    }
-    snprintf(x.mix, sizeof x.mix, "m16");
-    EXPECT_EQ(pelod_xpt_add(&x), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "update_flows no mixer input availableupdate_flows no mixer output available");
-}
-
 // The cycle may read a free flow while it is re-initialised: its canceller
 // reference and its column must never be seen at 0 (flow 0's column).
 TEST(XptInit, CycleNeverSeesAHalfClearedFlow)

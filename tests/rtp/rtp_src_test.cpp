@@ -4,7 +4,6 @@
 #include "daemon/mix.h"
 #include "daemon/pelod.h"
 #include "routing/xpt.h"
-#include "support/alloc_count.h"
 #include "support/rtp_wire.h"
 
 #include <arpa/inet.h>
@@ -130,21 +129,6 @@ TEST_F(RtpSendLoopback, PcmIs24BitBigEndianOfGainTimesMixWithoutClipping)
                 ASSERT_EQ(be24(&got[0][size_t(12 + 3 * (c.nchn * k + ch))]), (k % 2 ? -1 : 1) * c.want[size_t(ch)])
                     << c.what << ", frame " << k << " channel " << ch;
     }
-}
-
-TEST_F(RtpSendLoopback, SendPathDoesNotAllocate)
-{
-    rtp_src *pcm = stream(2, 96), *opus = stream(2, 48, 1);
-    for (int k = 0; k < MIX_BLOCK; k++)
-        mix_out[k * MIX_OUT_MAX] = k % 2 ? 0.25f : -0.25f;
-    alloc_count_start();
-    for (uint32_t c = 1; c < 30; c++) { // several Opus frames and PCM packets
-        rtp_send(pcm, 48 * c);
-        rtp_send(opus, 48 * c);
-    }
-    EXPECT_EQ(alloc_count_stop(), 0);
-    EXPECT_EQ(pcm->ep.tx_pkts, 14);
-    EXPECT_EQ(opus->ep.tx_pkts, 2);
 }
 
 // ---- rebuilding by difference ----
