@@ -17,7 +17,6 @@
 #include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
-#include <map>
 #include <poll.h>
 #include <sched.h>
 #include <sstream>
@@ -93,24 +92,21 @@ texts take(int fd, int wait_ms = 0)
     return got;
 }
 
-// Columns of the report's flow row for a source, by the names in the header line.
-std::map<std::string, std::string> flow_row(const std::string &report, const std::string &source)
+// Columns SYNC to GOOD of the report's row for a source (its Channel column).
+std::string counters(const std::string &report, const std::string &source)
 {
     std::istringstream in(report);
-    std::vector<std::string> names;
-    for (std::string line; std::getline(in, line) && line.rfind("# Outputs", 0) != 0;) {
+    for (std::string line; std::getline(in, line);) {
         std::istringstream words(line);
-        std::map<std::string, std::string> row;
-        if (line.rfind("## R ", 0) == 0 && names.empty())
-            for (std::string w; words >> w;)
-                names.push_back(w);
-        else if (!names.empty())
-            for (size_t i = 0; i < names.size() && words >> row[names[i]]; i++) {
-            }
-        if (row["Channel"] == source)
-            return row;
+        std::string w[11], c; // index, R, SYNC .. GOOD, Channel
+        for (std::string &x : w)
+            words >> x;
+        for (int i = 2; i < 10; i++)
+            c += w[i] + (i < 9 ? " " : "");
+        if (w[10] == source)
+            return c;
     }
-    return {};
+    return "";
 }
 
 float lin(double dB) { return float(std::pow(10.0, dB / 20)); }
@@ -179,24 +175,13 @@ TEST(E2eFeatures, GroupsGainsReportVoxReloadAndSoundCardInOneRun)
     EXPECT_GE(std::chrono::steady_clock::now() - silent, std::chrono::milliseconds(390))
         << "held for 0.4 s after the last loud packet";
 
-    // the first packet only teaches sequence and time, and so does the repeat
-    const std::map<std::string, std::string> want = {{"PKTS", "398"}, {"GOOD", "395"}, {"DROP", "3"},
-                                                     {"DUPL", "1"},   {"SEQE", "2"},   {"SRST", "1"}};
-    std::map<std::string, std::string> row;
-    EXPECT_TRUE(wait_for(3000, [&] { return (row = flow_row(read_file(report), "-300"))["PKTS"] == "398"; }))
+    // SYNC PKTS SRST SEQE DROP DUPL LATE GOOD: the stream locked once; the first
+    // packet only teaches sequence and time, and so does the repeat
+    std::string row;
+    EXPECT_TRUE(wait_for(3000, [&] { return (row = counters(read_file(report), "-300")) == "1 398 1 2 3 1 0 395"; }))
         << read_file(report);
-    for (const auto &[column, value] : want)
-        EXPECT_EQ(row[column], value) << column;
-    EXPECT_GE(atol(row["SYNC"].c_str()), 1) << "the stream was locked";
     daemon.signal(SIGUSR1);
-    const auto zeroed = [&] {
-        row = flow_row(read_file(report), "-300");
-        for (const char *c : {"SYNC", "PKTS", "SRST", "SEQE", "DROP", "DUPL", "LATE", "GOOD"})
-            if (row[c] != "0")
-                return false;
-        return true;
-    };
-    EXPECT_TRUE(wait_for(3000, zeroed)) << read_file(report);
+    EXPECT_TRUE(wait_for(3000, [&] { return counters(read_file(report), "-300") == "0 0 0 0 0 0 0 0"; })) << read_file(report);
     daemon.signal(SIGTERM);
     EXPECT_EQ(daemon.wait(3000), 0) << daemon.err();
 
