@@ -82,12 +82,9 @@ TEST_F(RtpSendLoopback, HeaderSequenceTimestampSsrcAndDefaultPayloadTypes)
     for (const auto &[s, pt, seq0] : {std::tuple(stream(1), 101, 0), std::tuple(stream(2), 96, 0), std::tuple(typed, 97, 65535)}) {
         const std::vector<packet> got = run(s, t0, 2);
         ASSERT_EQ(got.size(), 2u);
-        for (size_t i = 0; i < got.size(); i++) {
-            EXPECT_EQ(got[i][0] << 8 | got[i][1], 0x8000 | pt);
-            EXPECT_EQ(be16(&got[i][2]), uint16_t(seq0 + i));
-            EXPECT_EQ(be32(&got[i][4]), uint32_t(t0 + 48 * i));
-            EXPECT_EQ(be32(&got[i][8]), 0x12345678u);
-        }
+        for (size_t i = 0; i < got.size(); i++)
+            EXPECT_EQ(std::tuple(got[i][0] << 8 | got[i][1], be16(&got[i][2]), be32(&got[i][4]), be32(&got[i][8])),
+                      std::tuple(0x8000 | pt, uint16_t(seq0 + i), uint32_t(t0 + 48 * i), 0x12345678u));
         EXPECT_EQ(s->ep.tx_pkts, 2);
     }
 }
