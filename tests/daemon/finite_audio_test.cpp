@@ -22,16 +22,6 @@ protected:
     }
 };
 
-TEST_F(FiniteAudio, OverflowingGainOnAnIdleInputLeavesTheMixAudible)
-{
-    pelod_xpt x{"spk", "alsa:0", {}, -1, 0, 800.0f}, y{"spk", "alsa:1", {}, -1, 0, 0.0f}; // 77.1 dB, slipped
-    ASSERT_EQ(pelod_xpt_add(&x) | pelod_xpt_add(&y), 0);
-    for (int k = 0; k < MIX_BLOCK; k++)
-        *mix_slot(uint32_t(k), 1) = 0.5f; // flow 0 stays idle
-    do_dsp(0);
-    EXPECT_EQ(mix_out[0], 0.5f);
-}
-
 // Flow 3 with a limiter and a canceller into mix 0: RMS of mix 0 over the
 // last 100 of 1500 blocks, with NaN and absurd input in blocks 100..199;
 // -1 when the mix was ever not finite.

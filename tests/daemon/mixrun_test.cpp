@@ -6,14 +6,13 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <thread>
+#include <tuple>
 
 namespace {
-struct wake_case {
-    timespec prev, now; // last block boundary, clock at wake-up
+struct wake_case { // last block boundary, clock at wake-up, allowance; the plan (jitter when not re-synchronising)
+    timespec prev, now;
     int32_t sysjitter;
-    int resync;
-    int32_t jitter; // checked when not re-synchronising
-    int blocks;
+    int resync, jitter, blocks;
     uint32_t rtp_ts;
     timespec next;
 };
@@ -37,12 +36,8 @@ TEST(WakePlan, LatenessDecidesBlocksOrResync)
     for (const wake_case &c : cases) {
         const wake_plan p = mix_wake_plan(c.prev, c.now, c.sysjitter);
         const std::string at = std::to_string(c.now.tv_sec) + "." + std::to_string(c.now.tv_nsec);
-        EXPECT_EQ(p.resync, c.resync) << at;
-        EXPECT_EQ(p.resync ? 0 : p.jitter, c.jitter) << at;
-        EXPECT_EQ(p.blocks, c.blocks) << at;
-        EXPECT_EQ(p.rtp_ts, c.rtp_ts) << at;
-        EXPECT_EQ(p.ts_next.tv_sec, c.next.tv_sec) << at;
-        EXPECT_EQ(p.ts_next.tv_nsec, c.next.tv_nsec) << at;
+        EXPECT_EQ(std::tuple(p.resync, p.resync ? 0 : p.jitter, p.blocks, p.rtp_ts, p.ts_next.tv_sec, p.ts_next.tv_nsec),
+                  std::tuple(c.resync, c.jitter, c.blocks, c.rtp_ts, c.next.tv_sec, c.next.tv_nsec)) << at;
     }
     EXPECT_EQ(mix_rtp_ts({89479, 0}), uint32_t(89479ull * 48000)); // modulo 2^32
 }

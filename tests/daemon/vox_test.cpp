@@ -15,13 +15,31 @@
 namespace {
 using texts = std::vector<std::string>;
 
-// A listener on 127.0.0.1 at a port the kernel hands out.
-struct vox_listener {
+// The notifications go to a listener on 127.0.0.1 at a port the kernel hands out.
+class VoxFlows : public ::testing::Test {
+protected:
     sockaddr_in at{};
     int fd = udp_loopback(&at);
-    uint16_t port = ntohs(at.sin_port);
-    ~vox_listener() { close(fd); }
-    // Every datagram waiting now, or within wait_ms for the first one.
+    uint32_t ts = 480000;
+    void SetUp() override
+    {
+        reset_cycle_tables();
+        vox_notify_pending = 0;
+        vox_notify_close();
+        vox_notify_port = ntohs(at.sin_port);
+    }
+    void TearDown() override
+    {
+        vox_notify_close();
+        close(fd);
+    }
+    static rtp_dst &flow(int i, const char *name, float threshold, int holdtime, int gate)
+    {
+        snprintf(rtp_dsts[i].src, sizeof rtp_dsts[i].src, "%s", name);
+        rtp_dsts[i].vox = pelod_vox_cfg{threshold, holdtime, gate};
+        return rtp_dsts[i];
+    }
+    // Every notification waiting now, or within wait_ms for the first one.
     texts take(int wait_ms = 0) const
     {
         texts got;
@@ -31,26 +49,6 @@ struct vox_listener {
             for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) >= 0;)
                 got.emplace_back(buf, size_t(n));
         return got;
-    }
-};
-
-class VoxFlows : public ::testing::Test {
-protected:
-    vox_listener rx;
-    uint32_t ts = 480000;
-    void SetUp() override
-    {
-        reset_cycle_tables();
-        vox_notify_pending = 0;
-        vox_notify_close();
-        vox_notify_port = rx.port;
-    }
-    void TearDown() override { vox_notify_close(); }
-    static rtp_dst &flow(int i, const char *name, float threshold, int holdtime, int gate)
-    {
-        snprintf(rtp_dsts[i].src, sizeof rtp_dsts[i].src, "%s", name);
-        rtp_dsts[i].vox = pelod_vox_cfg{threshold, holdtime, gate};
-        return rtp_dsts[i];
     }
 };
 
@@ -65,7 +63,7 @@ TEST_F(VoxFlows, StartAndEndOfEachTalkerSendTheWholeList)
         if (b == 1)
             rtp_dsts[2].vox_sample = 0.1f; // exactly the threshold counts
         vox_frame(ts += 48);
-        EXPECT_EQ(rx.take(), want[b]) << "block " << b + 1;
+        EXPECT_EQ(take(), want[b]) << "block " << b + 1;
     }
 }
 
@@ -89,10 +87,8 @@ TEST_F(VoxFlows, GatedFlowIsMixedOnlyForItsHoldTimeAfterALoudPacket)
         if (mix_out[0] != 0.0f)
             mixed.push_back(b);
     }
-    EXPECT_EQ(mixed.size(), 1000u);
-    EXPECT_EQ(mixed.front(), 1);
-    EXPECT_EQ(mixed.back(), 1000);
-    EXPECT_EQ(rx.take(), (texts{R"({"vox":["talker"]})", R"({"vox":[]})"}));
+    EXPECT_EQ(std::tuple(mixed.size(), mixed.front(), mixed.back()), std::tuple(1000u, 1, 1000));
+    EXPECT_EQ(take(), (texts{R"({"vox":["talker"]})", R"({"vox":[]})"}));
 }
 
 // A reload asks for a notification while the cycle runs its detector: the
@@ -108,7 +104,7 @@ TEST_F(VoxFlows, RequestFromAReloadIsNeverLost)
     int heard = 0;
     for (int n = 0; n < 200; n++) {
         vox_notify_request();
-        heard += !rx.take(200).empty();
+        heard += !take(200).empty();
     }
     stop = true;
     cycle.join();

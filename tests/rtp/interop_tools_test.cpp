@@ -1,6 +1,9 @@
-// pelod-sdp: the descriptions follow what the send path puts on the wire.
+// The tools for other RTP software: pelod-sdp's descriptions follow what
+// the send path puts on the wire; pelod-tone's streams reach pelod-listen
+// whole, in every format, at their level.
 #include "support/emulation.h"
 #include "support/proc.h"
+#include "support/rtp_wire.h"
 
 #include <gtest/gtest.h>
 
@@ -28,6 +31,35 @@ TEST(PelodSdp, DescribesWhatEachStreamSends)
         EXPECT_EQ(o.out.find("v=0"), o.out.rfind("v=0")) << "one stream";
         for (const char *l : r.lines)
             EXPECT_NE(o.out.find(l), std::string::npos) << r.stream << ": " << l << o.out;
+    }
+}
+
+TEST(PelodToneToListen, EachFormatArrivesWholeAtItsLevel)
+{
+    SKIP_UNDER_EMULATION();
+    const struct {
+        std::vector<std::string> tone, listen;
+        const char *want;
+    } rows[] = {
+        {{"-l", "-12"}, {}, "pt=101 format=L24 channels=1 ptime=48 "},
+        {{"-F", "L16", "-c", "2", "-f", "1000,500", "-l", "-12"}, {}, "pt=112 format=L16 channels=2 ptime=48 "},
+        {{"-F", "opus", "-c", "2", "-l", "-12"}, {"-f", "opus/2"}, "pt=96 format=opus channels=2 ptime=480 "},
+    };
+    for (const auto &r : rows) {
+        const std::string at = "127.0.0.1:" + std::to_string(udp_free_port());
+        std::vector<std::string> listen = {tools + "/pelod-listen", "-q", "-t", "1.5", at}, tone = {tools + "/pelod-tone", "-q", "-d", "1"};
+        listen.insert(listen.begin() + 1, r.listen.begin(), r.listen.end());
+        tone.insert(tone.end(), r.tone.begin(), r.tone.end());
+        tone.push_back(at);
+        bg_proc l;
+        ASSERT_TRUE(l.start(listen));
+        ASSERT_TRUE(wait_for(2000, [&] { return l.err().find("listening on") != std::string::npos; }));
+        EXPECT_EQ(run_prog(tone).status, 0);
+        ASSERT_EQ(l.wait(4000), 0) << l.err();
+        for (const char *w : {r.want, " lost=0 gaps=0 ", " bad=0 "})
+            EXPECT_NE(l.out().find(w), std::string::npos) << w << "\n" << l.out();
+        const size_t rms = l.out().find("rms_dbfs=");
+        EXPECT_NEAR(rms == std::string::npos ? 0.0 : std::stod(l.out().substr(rms + 9)), -15.0, 0.2) << l.out();
     }
 }
 

@@ -24,13 +24,7 @@ static int shell(const std::string &cmd)
 
 std::string netns_unavailable()
 {
-    if (geteuid() != 0)
-        return "not root";
-    if (under_emulation())
-        return "not under emulation";
-    if (!ip_bin())
-        return "iproute2's ip is not installed";
-    return "";
+    return geteuid() != 0 ? "not root" : under_emulation() ? "not under emulation" : !ip_bin() ? "iproute2's ip is not installed" : "";
 }
 
 netns::netns(const std::string &base)
@@ -39,20 +33,17 @@ netns::netns(const std::string &base)
     const std::string n = base + "-" + std::to_string(getpid()) + "-" + std::to_string(made++);
     if (shell("ip netns add " + n) != 0)
         return;
-    name = n;
-    if (sh("ip link set lo up && ip link set lo multicast on && ip route add 224.0.0.0/4 dev lo") != 0)
-        name.clear(), shell("ip netns del " + n);
+    if (shell("ip netns exec " + n + " sh -c 'ip link set lo up && ip link set lo multicast on && "
+              "ip route add 224.0.0.0/4 dev lo'") == 0)
+        name = n;
+    else
+        shell("ip netns del " + n);
 }
 
 netns::~netns()
 {
     if (ok())
         shell("ip netns del " + name);
-}
-
-int netns::sh(const std::string &cmd) const
-{
-    return shell("ip netns exec " + name + " sh -c '" + cmd + "'");
 }
 
 std::vector<std::string> netns::cmd(std::vector<std::string> argv) const
@@ -77,8 +68,8 @@ netns_scope::netns_scope(const netns &ns)
 
 netns_scope::~netns_scope()
 {
-    if (home < 0)
-        return;
-    setns(home, CLONE_NEWNET);
-    close(home);
+    if (home >= 0) {
+        setns(home, CLONE_NEWNET);
+        close(home);
+    }
 }

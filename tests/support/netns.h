@@ -1,6 +1,5 @@
 // Network namespaces made by a test: a network of its own for multicast
-// and for several hosts, torn down with the objects. Needs root and
-// iproute2's `ip`.
+// and fixed ports, torn down with the objects. Needs root and iproute2's `ip`.
 #pragma once
 #include <string>
 #include <vector>
@@ -22,13 +21,9 @@ std::string netns_unavailable();
 struct netns {
     std::string name; // empty when creation failed
     explicit netns(const std::string &base);
-    ~netns(); // deletes the namespace and the interfaces in it
+    ~netns();
     netns(const netns &) = delete;
-    netns &operator=(const netns &) = delete;
     bool ok() const { return !name.empty(); }
-    // Runs a shell command (without single quotes) in the namespace; its
-    // exit status.
-    int sh(const std::string &cmd) const;
     // argv prefixed so that it runs in the namespace (for run_prog, bg_proc).
     std::vector<std::string> cmd(std::vector<std::string> argv) const;
 };
@@ -40,6 +35,5 @@ struct netns_scope {
     explicit netns_scope(const netns &ns);
     ~netns_scope();
     netns_scope(const netns_scope &) = delete;
-    netns_scope &operator=(const netns_scope &) = delete;
     bool ok() const { return home >= 0; }
 };

@@ -89,13 +89,3 @@ bg_proc::~bg_proc()
     unlink(out_path.c_str());
     unlink(err_path.c_str());
 }
-
-bool wait_until(int timeout_ms, bool (*pred)(void *), void *arg)
-{
-    for (int waited = 0; waited < timeout_ms; waited += 10) {
-        if (pred(arg))
-            return true;
-        usleep(10000);
-    }
-    return pred(arg);
-}
