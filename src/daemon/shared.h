@@ -24,7 +24,8 @@ struct rt_counter {
     {
         return std::atomic_ref<int64_t>(const_cast<int64_t &>(v)).load(std::memory_order_relaxed);
     }
-    int64_t operator=(int64_t x) noexcept
+    // the value, not the counter: in a = b = 0 each store stays a whole one
+    int64_t operator=(int64_t x) noexcept // NOLINT(misc-unconventional-assign-operator)
     {
         std::atomic_ref<int64_t>(v).store(x, std::memory_order_relaxed);
         return x;
