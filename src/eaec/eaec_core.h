@@ -34,7 +34,8 @@ inline constexpr int EAEC_PART_MAX = 64;
 inline constexpr int EAEC_LAGS = 3; // frame lags tried by the coherence
 inline constexpr int EAEC_DELAY_MS = 520;  // bulk delay the delay estimator searches
 inline constexpr int EAEC_DELAY_LAGS_MAX = 64; // frame lags it tries, at most
-inline constexpr int EAEC_DELAY_BANDS = 32; // one bit each in the binary spectra
+inline constexpr int EAEC_DELAY_BANDS = 32; // bands the delay estimator compares
+inline constexpr int EAEC_DELAY_MARGIN = 3; // partitions the filter keeps before the estimated delay
 inline constexpr int EAEC_RING_MAX = EAEC_PART_MAX + EAEC_DELAY_LAGS_MAX;
 
 struct eaec_params {
@@ -89,19 +90,19 @@ struct eaec_chan {
     uint32_t rng;                      // comfort noise
 };
 
-// Bulk-delay estimator: binary spectra (one bit per band: above the
-// band's running median) of the far end and of the microphone; for each
-// frame lag a smoothed count of differing bits. The lag with the fewest,
-// held for a while, moves the filter's window over the far-end ring.
+// Bulk-delay estimator: the changes of the band log energies of the far
+// end and of the microphone, correlated at every frame lag; the lag with
+// the highest smoothed coefficient, held for a while, moves the filter's
+// window over the far-end ring.
 struct eaec_delay {
     int delay;         // frames the filter's first partition lies behind the newest far end
     int lag;           // the estimate in force, -1 before the first
     int cand, cand_frames; // a lag that has been best for cand_frames frames
     int updates;
-    float thr_far[EAEC_DELAY_BANDS], thr_mic[EAEC_DELAY_BANDS]; // band medians
-    float cost[EAEC_DELAY_LAGS_MAX];  // smoothed differing bits per lag
-    uint32_t far_bits[EAEC_RING_MAX]; // per ring slot
-    uint8_t far_on[EAEC_RING_MAX];    // the far end was active in that slot
+    float prev_far[EAEC_DELAY_BANDS], prev_mic[EAEC_DELAY_BANDS]; // last frame's band log energies
+    float score[EAEC_DELAY_LAGS_MAX];                    // smoothed coefficient per lag
+    float far_feat[EAEC_RING_MAX][EAEC_DELAY_BANDS];     // per ring slot: the far end's changes
+    float far_norm[EAEC_RING_MAX];                       // ... their sum of squares, 0 when inactive
 };
 
 struct eaec_state {
@@ -110,6 +111,7 @@ struct eaec_state {
     float *x_re, *x_im, *x_pow;       // nring rows of kpad: far-end spectra and powers
     eaec_delay dl;
     float x_hist[EAEC_FFT_MAX];       // last M far-end samples
+    float x_energy[EAEC_RING_MAX];    // far-end energy of each ring slot's frame
     eaec_chan *chan[EAEC_CHAN_MAX];
 };
 

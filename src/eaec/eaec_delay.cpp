@@ -1,39 +1,38 @@
 // Bulk-delay estimator of the echo canceller (see eaec_delay in
-// eaec_core.h): binary spectra compared by counting differing bits, which
-// costs one exclusive-or and one bit count per lag and frame.
+// eaec_core.h). Per band, the change of the log energy since the last frame
+// (its onsets and decays) of the microphone is correlated with the far
+// end's at every frame lag; the correlation coefficient of each frame is
+// smoothed over frames. The echo rises and falls with the far end that made
+// it, whatever its level, colour and the room's reverberation.
 #include "eaec/eaec_core.h"
 
 #include <algorithm>
-#include <bit>
+#include <cmath>
 
 namespace {
 constexpr float BAND_LO_HZ = 250.0f, BAND_HZ = 125.0f; // 250 Hz .. 4.25 kHz
-constexpr float MEDIAN_STEP = 1.05f;  // per frame, up or down
-constexpr float COST_RATE = 0.05f;    // smoothing of the differing bits per frame
-constexpr float COST_START = 16.0f;   // chance: half the bits differ
+constexpr float FLOOR = 1e-9f;        // band energy floor (about -90 dBFS per bin)
+constexpr float STEP_MAX = 3.0f;      // largest change counted, natural log (13 dB)
+constexpr float SCORE_RATE = 0.1f;   // smoothing of the coefficients per frame
 constexpr int WARM_UP = 30;           // compared frames before the first estimate
-constexpr float DISTINCT = 4.0f;      // bits the best lag must lie below the mean of all
-constexpr float HYSTERESIS = 1.5f;    // bits a new lag must beat the one in force by
+constexpr float DISTINCT = 0.08f;     // a lag's smoothed coefficient must reach this
+constexpr float HYSTERESIS = 0.05f;   // and beat the estimate in force by this
 constexpr int HOLD_FIRST = 10, HOLD = 25; // frames a candidate must stay best
-constexpr int MARGIN = 2;             // partitions the filter keeps before the estimate
 
-uint32_t bits(const eaec_params *p, const float *pw, float *thr, int track) noexcept
+// Log-energy changes of the bands into f; returns their sum of squares.
+float features(const eaec_params *p, const float *pw, float *prev, float *f) noexcept
 {
-    uint32_t b = 0;
+    float norm = 0.0f;
     for (int band = 0; band < EAEC_DELAY_BANDS; band++) {
-        float e = 0.0f;
+        float e = FLOOR;
         for (int k = p->band_edge[band]; k < p->band_edge[band + 1]; k++)
             e += pw[k];
-        if (e > thr[band])
-            b |= 1u << band;
-        if (!track)
-            continue;
-        if (thr[band] <= 0.0f) // the first active frame sets the start
-            thr[band] = std::max(e, 1e-12f);
-        else // the median: as often above as below
-            thr[band] = e > thr[band] ? thr[band] * MEDIAN_STEP : std::max(thr[band] * (1.0f / MEDIAN_STEP), 1e-12f);
+        const float l = std::log(e);
+        f[band] = std::clamp(l - prev[band], -STEP_MAX, STEP_MAX);
+        prev[band] = l;
+        norm += f[band] * f[band];
     }
-    return b;
+    return norm;
 }
 } // namespace
 
@@ -51,34 +50,39 @@ void delay_reset(eaec_delay *d)
     *d = eaec_delay{};
     d->lag = -1;
     d->cand = -1;
-    std::fill(d->cost, d->cost + EAEC_DELAY_LAGS_MAX, COST_START);
+    std::fill(d->prev_far, d->prev_far + EAEC_DELAY_BANDS, std::log(FLOOR));
+    std::fill(d->prev_mic, d->prev_mic + EAEC_DELAY_BANDS, std::log(FLOOR));
 }
 
 void delay_far(const eaec_params *p, eaec_state *s, const float *x_pow, int far_active) noexcept
 {
     eaec_delay *d = &s->dl;
-    d->far_bits[s->head] = bits(p, x_pow, d->thr_far, far_active);
-    d->far_on[s->head] = uint8_t(far_active);
+    d->far_norm[s->head] = far_active ? features(p, x_pow, d->prev_far, d->far_feat[s->head]) : 0.0f;
+    if (!far_active) // the next active frame starts from here
+        features(p, x_pow, d->prev_far, d->far_feat[s->head]);
 }
 
 int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far_active, int locked) noexcept
 {
     eaec_delay *d = &s->dl;
-    const uint32_t mb = bits(p, mic_pow, d->thr_mic, 1);
-    if (!far_active)
+    float fm[EAEC_DELAY_BANDS];
+    const float nm = features(p, mic_pow, d->prev_mic, fm);
+    if (!far_active || !(nm > 0.0f))
         return d->delay;
-    for (int lag = 0, slot = s->head; lag < p->nlag; lag++, slot = slot ? slot - 1 : p->nring - 1)
-        if (d->far_on[slot])
-            d->cost[lag] += COST_RATE * (float(std::popcount(mb ^ d->far_bits[slot])) - d->cost[lag]);
+    for (int lag = 0, slot = s->head; lag < p->nlag; lag++, slot = slot ? slot - 1 : p->nring - 1) {
+        if (!(d->far_norm[slot] > 0.0f))
+            continue;
+        const float *ff = d->far_feat[slot];
+        float c = 0.0f;
+        for (int band = 0; band < EAEC_DELAY_BANDS; band++)
+            c += fm[band] * ff[band];
+        d->score[lag] += SCORE_RATE * (c / std::sqrt(nm * d->far_norm[slot]) - d->score[lag]);
+    }
     if (++d->updates < WARM_UP)
         return d->delay;
-    const int best = int(std::min_element(d->cost, d->cost + p->nlag) - d->cost);
-    float mean = 0.0f;
-    for (int lag = 0; lag < p->nlag; lag++)
-        mean += d->cost[lag];
-    mean /= float(p->nlag);
-    // A lag must stand out from the rest to be taken at all.
-    if (best == d->lag || d->cost[best] > mean - DISTINCT || (d->lag >= 0 && (locked || d->cost[best] > d->cost[d->lag] - HYSTERESIS))) {
+    const int best = int(std::max_element(d->score, d->score + p->nlag) - d->score);
+    if (best == d->lag || d->score[best] < DISTINCT ||
+        (d->lag >= 0 && (locked || d->score[best] < d->score[d->lag] + HYSTERESIS))) {
         d->cand_frames = 0;
         return d->delay;
     }
@@ -90,5 +94,5 @@ int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far
         return d->delay;
     d->lag = best;
     d->cand_frames = 0;
-    return std::max(0, best - MARGIN);
+    return std::max(0, best - EAEC_DELAY_MARGIN);
 }

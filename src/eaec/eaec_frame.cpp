@@ -445,6 +445,7 @@ void eaec_reset_state(const eaec_params *p, eaec_state *s)
     std::memset(s->x_re, 0, ring);
     std::memset(s->x_im, 0, ring);
     std::memset(s->x_pow, 0, ring);
+    std::memset(s->x_energy, 0, sizeof s->x_energy);
     delay_reset(&s->dl);
     for (int i = 0; i < p->nmic; i++)
         chan_reset(p, s->chan[i], i);
@@ -471,14 +472,21 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
         xn[i] = v * PCM_IN;
         energy += xn[i] * xn[i];
     }
-    const int far_active = energy > p->far_active;
-
     s->head = s->head + 1 < p->nring ? s->head + 1 : 0;
+    s->x_energy[s->head] = energy;
+    // The far end counts as active when it was in the newest frame the
+    // filter sees, not when it is now: with a long bulk delay its echo
+    // arrives much later. Once the delay estimate has moved the window,
+    // the echo's direct path lies a few partitions in: the frames up to
+    // there count.
+    int far_active = 0;
+    for (int part = 0; part <= (s->dl.delay > 0 ? EAEC_DELAY_MARGIN : 0); part++)
+        far_active |= s->x_energy[eaec_slot(p, s, part)] > p->far_active;
     float *xr = s->x_re + s->head * kp, *xi = s->x_im + s->head * kp, *xp = s->x_pow + s->head * kp;
     eaec_rfft(&p->fft, s->x_hist, xr, xi, f.work);
     for (int k = 0; k < nb; k++)
         xp[k] = xr[k] * xr[k] + xi[k] * xi[k];
-    delay_far(p, s, xp, far_active);
+    delay_far(p, s, xp, energy > p->far_active);
 
     int delay = s->dl.delay;
     for (int ch = 0; ch < p->nmic; ch++) {
