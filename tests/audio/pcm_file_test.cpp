@@ -1,25 +1,20 @@
 // The sound-card module on the real library, with "hw" redefined through
 // ALSA_CONFIG_PATH as a file plugin over the null device: playback goes to
-// a file, capture comes from a file, and the device never fills or drains.
+// a file, capture comes from a file, and the device never fills or drains,
+// so every block played is written ALSA_LOOP_MAX times and every read is
+// repeated that often.
 #include "audio/alsa.h"
 #include "support/alsa_file.h"
-#include "support/capture.h"
-#include "support/daemon.h"
-#include "support/emulation.h"
+#include "support/proc.h"
 
 #include <array>
-#include <csignal>
-#include <cstring>
 #include <gtest/gtest.h>
 
 namespace {
-using block = std::array<int32_t, 96>;
-
 // Raw capture word i of block b: 24 bits, bit 23 set on odd i.
 int32_t raw_word(int b, int i) { return (b << 12 | i) | (i % 2 ? 0x800000 : 0); }
 
-// Capture words of 40 blocks.
-std::string capture_words()
+TEST(AlsaFilePlugin, BlocksGoToAndComeFromTheFiles)
 {
     std::string words;
     for (int b = 0; b < 40; b++)
@@ -27,26 +22,14 @@ std::string capture_words()
             const int32_t w = raw_word(b, i);
             words.append(reinterpret_cast<const char *>(&w), 4);
         }
-    return words;
-}
-
-class AlsaFilePlugin : public ::testing::Test { // state: "hw" is the file plugin
-protected:
-    void SetUp() override { alsa_ply_rewrite = alsa_cap_reread = alsa_loop_cut = alsa_cap_samples = 0; }
-    void TearDown() override { alsa_close(); }
-    const alsa_file_card card{capture_words()};
-    const std::string &play_path = card.play_path;
-};
-
-// The device consumes at once and never drains, so every block played is
-// written ALSA_LOOP_MAX times, and every read is repeated that often.
-TEST_F(AlsaFilePlugin, BlocksGoToAndComeFromTheFiles)
-{
-    const run_result r = captured(alsa_open);
-    ASSERT_EQ(r.status, 0);
-    EXPECT_EQ(r.out + r.err, "");
+    const alsa_file_card card(words);
+    alsa_ply_rewrite = alsa_cap_reread = alsa_loop_cut = alsa_cap_samples = 0;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(alsa_open(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr(), "");
     std::string want;
-    block b;
+    std::array<int32_t, 96> b;
     for (int n = 1; n <= 3; n++) {
         for (int i = 0; i < 96; i++)
             b[size_t(i)] = n * 100000 - i * 997 * (i % 2 ? 1 : -1);
@@ -63,7 +46,6 @@ TEST_F(AlsaFilePlugin, BlocksGoToAndComeFromTheFiles)
     EXPECT_EQ(alsa_loop_cut, 5u);
     EXPECT_EQ(alsa_cap_samples, 48u * 2 * ALSA_LOOP_MAX);
     alsa_close(); // flushes the plugin's file
-    EXPECT_TRUE(read_file(play_path) == want);
+    EXPECT_TRUE(read_file(card.play_path) == want);
 }
-
 } // namespace

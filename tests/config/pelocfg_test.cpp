@@ -6,9 +6,7 @@
 #include "routing_double.h"
 #include "support/proc.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
-#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -60,11 +58,6 @@ std::string describe(const src &s)
              s.gainv_dB[1], s.bitrate, s.cbr);
     return s.mix + (" " + ep_text(s.ep)) + b + fields(s.fmt, s.limcom_params);
 }
-std::string captured_stdout()
-{
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
 
 class ConfigEmpty : public ::testing::Test { // state: nothing loaded
 protected:
@@ -78,18 +71,9 @@ protected:
         const std::string path = tmp_file(text);
         testing::internal::CaptureStdout();
         pelocfg_load(path.c_str());
-        out = captured_stdout();
+        fflush(stdout);
+        out = testing::internal::GetCapturedStdout();
         unlink(path.c_str());
-    }
-    // The loaded crosspoints, "mix<src: fields" each on a line, in list order.
-    static std::string loaded()
-    {
-        std::string s;
-        for (dlist *e = xpts.next; e != &xpts; e = e->next) {
-            const pelod_xpt &x = dlist_entry(e, xpt, link)->x;
-            s += x.mix + ("<" + std::string(x.src)) + ": " + describe(x) + "\n";
-        }
-        return s;
     }
     static const pelod_xpt *find(const char *mix, const char *src_text)
     {
@@ -108,63 +92,53 @@ protected:
     std::string out;
 };
 
-const char *const NOLCE = "fmt 0/0/0/0 lce 0/0/0/0/0/0/0";
-
-TEST_F(ConfigEmpty, ExampleFileLoads)
+TEST_F(ConfigEmpty, ExampleFileLoadsWithoutAWord)
 {
-    const std::string text = read_file(std::string(PELOD_SOURCE_DIR) + "/examples/pelod.conf");
-    ASSERT_FALSE(text.empty());
-    load(text);
+    load(read_file(std::string(PELOD_SOURCE_DIR) + "/examples/pelod.conf"));
     EXPECT_EQ(out, "");
-    EXPECT_STREQ(ifs, "127.0.0.1");
     EXPECT_EQ(routing_ops(), "uaaa"); // additions in reverse file order
-    EXPECT_STREQ(routing_calls[1].x.src, "alsa:0");
-    EXPECT_EQ(routing_calls[0].srcs_used, 3);
-    EXPECT_EQ(loaded(),
-              "spk<5: 239.192.0.5:5004 127.0.0.1:5004 chn -1 pdly 0 gain -3 vox -45.00/1000/0 ecs - "
-              "fmt 0/24/48000/1 lce 0/0/0/0/0/0/0\n"
-              "spk<127.0.0.1:5004: 127.0.0.1:5004 127.0.0.1:5004 chn -1 pdly 0 gain -6 vox 0.00/0/0 ecs - "
-              "fmt 0/24/48000/1 lce 0/0/0/0/0/0/0\n"
-              "mic<alsa:0: none chn 0 pdly 48 gain 0 vox 0.00/0/0 ecs - fmt 0/0/0/0 lce 0/0/0/0/0/0/0\n");
-    ASSERT_EQ(srcs_used, 3);
-    EXPECT_EQ(describe(srcs[0]) + "\n" + describe(srcs[1]) + "\n" + describe(srcs[2]),
-              "spk:spk alsa:0 alsa:0 pt 255 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/0/0/0 lce 0/0/0/0/0/0/0\n"
-              "mic 239.192.0.7:5004 127.0.0.1:5004 pt 255 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/24/48000/1 lce 0/0/0/0/0/0/0\n"
-              "spk 127.0.0.1:5006 127.0.0.1:5006 pt 255 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/24/48000/1 lce 0/0/0/0/0/0/0");
+    EXPECT_EQ(srcs_used, 3);
 }
 
-TEST_F(ConfigEmpty, XptDefaultsAndSourceOptions)
+// A line and its reading: the whole description, or the part a row is about.
+TEST_F(ConfigEmpty, LinesWithTheirDefaultsValuesAndEndpoints)
 {
-    strcpy(ifs, "10.1.1.1");
-    const std::pair<const char *, const char *> cases[] = {
-        {"XPT mix=a src=5", "239.192.0.5:5004 10.1.1.1:5004 chn -1 pdly 0 gain 0 vox 0.00/0/0 ecs - "},
-        {"XPT mix=b src=alsa:1", "none chn -1 pdly 48 gain 0 vox 0.00/0/0 ecs - "},
-        {"XPT pdly=010 mix=c src=5", "239.192.0.5:5004 10.1.1.1:5004 chn -1 pdly 8 gain 0 vox 0.00/0/0 ecs - "},
+    const std::pair<std::string, const char *> rows[] = {
+        {"XPT mix=a src=5", "239.192.0.5:5004 10.1.1.1:5004 chn -1 pdly 0 gain 0 vox 0.00/0/0 ecs - fmt 0/0/0/0 lce 0/0/0/0/0/0/0"},
+        {"XPT mix=b src=alsa:1", "none chn -1 pdly 48 gain 0 vox 0.00/0/0 ecs - fmt 0/0/0/0 lce 0/0/0/0/0/0/0"},
+        {"XPT pdly=010 mix=c src=5", " pdly 8 "},
         // ;fmt= overrides, and keeps what fmt= set where its name sets nothing
-        {"XPT pdly=010 mix=d src=5;x=1;pdly=0x30;fmt=opus/2 fmt=L24/48000/1",
-         "239.192.0.5:5004 10.1.1.1:5004 chn -1 pdly 48 gain 0 vox 0.00/0/0 ecs - fmt 1/24/48000/2 lce 0/0/0/0/0/0/0"},
-        {"XPT mix=e src=5;pdly=96x;fmt=L24/2", // the option scan ends at 'x'
-         "239.192.0.5:5004 10.1.1.1:5004 chn -1 pdly 96 gain 0 vox 0.00/0/0 ecs - "},
+        {"XPT pdly=010 mix=d src=5;x=1;pdly=0x30;fmt=opus/2 fmt=L24/48000/1", " pdly 48 gain 0 vox 0.00/0/0 ecs - fmt 1/24/48000/2 "},
+        {"XPT mix=e src=5;pdly=96x;fmt=L24/2", " pdly 96 gain 0 vox 0.00/0/0 ecs - fmt 0/0/0/0 "}, // the scan ends at 'x'
         {"XPT mix=f src=5 ifa=10.2.2.2:6000 chn=1 gain=-100 vox=1;g=1 ecs=\"m m\"",
-         "239.192.0.5:5004 10.2.2.2:6000 chn 1 pdly 0 gain -100 vox -48.00/1000/1 ecs m m "},
+         "239.192.0.5:5004 10.2.2.2:6000 chn 1 pdly 0 gain -100 vox -48.00/1000/1 ecs m m fmt"},
+        {"XPT mix=v src=5 vox=0;t=-20", "vox 0.00/1000/0"}, {"XPT mix=v src=5 vox=1;t=-120", "vox 0.00/1000/0"},
+        {"XPT mix=v src=5 vox=1;h=0.25;g=1.9;x=5;t=-6", "vox -6.00/250/1"},
+        {"XPT mix=v src=5 vox=1;t=-20x;h=5", "vox -20.00/1000/0"},
+        {"XPT mix=l src=5 lce=1;i=23;a=1", "lce 1/2/3/1/0/0/0"}, {"XPT mix=l src=5 lce=1;i=28;a=1", "lce 1/2/1/0/0/0/0"},
+        {"XPT mix=l src=5 lce=0;a=5", "lce 0/0/1/0/0/0/0"},
+        {"XPT mix=l src=5 lce=;r=5;R=2;T=0.1;q=3;a=7", "lce 0/0/1/7/5/0.1/2"}, // only 1 is skipped
+        {"SRC mix=a rtpa=5", "a 239.192.0.5:5004 10.1.1.1:5004 pt 255 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/0/0/0 lce 0/0/0/0/0/0/0"},
+        {"src mix=a:b rtpa=5 pt=300 ptime=5 gainv=-3;-6 br=64000 cbr=1 lce=1;i=10",
+         "a:b 239.192.0.5:5004 10.1.1.1:5004 pt 255 ptime 240 gain -3/-6 br 64000 cbr 1 fmt 0/0/0/0 lce 1/1/0/0/0/0/0"},
+        {"mix=a rtpa=alsa:0x2 gainv=\"-3 x\" ifa=1.2.3.4", "a alsa:2 alsa:0 pt 255 ptime 48 gain -3/0 "},
+        {"SRC mix=a rtpa=239.1.1.1:6000 ifa=192.168.1.2", "a 239.1.1.1:6000 192.168.1.2:6000 "},
+        {"SRC mix=a rtpa=vts://5 ifa=0.0.0.0", "a 239.192.0.5:0 0.0.0.0:0 "},
+        {"SRC mix=a rtpa=5 ifa=:7000", "a 239.192.0.5:5004 0.0.0.0:7000 "},
+        {"SRC mix=a rtpa=239.1.1.1;src=10.0.0.9;fmt=x;src=10.0.0.8 ifa=0.0.0.0", "a 239.1.1.1:5004 0.0.0.0:5004 from 10.0.0.8:0 "},
+        {"SRC mix=a rtpa=0", "a none "}, {"SRC mix=a rtpa=5 ifa=1.2.3", "a none "},
     };
-    for (const auto &[cmd, want] : cases) {
-        std::string w = want;
-        EXPECT_EQ(describe(line(cmd)), w.back() == ' ' ? w + NOLCE : w) << cmd;
+    for (const auto &[cmd, want] : rows) {
+        config_reset();
+        strcpy(ifs, "10.1.1.1");
+        std::string got;
+        if (cmd.rfind("XPT", 0) == 0)
+            got = describe(line(cmd));
+        else if (pelocfg_load_src(cmd.c_str()) == 0 && srcs_used == 1)
+            got = describe(srcs[0]);
+        EXPECT_NE(got.find(want), std::string::npos) << cmd << "\n" << got;
     }
     EXPECT_EQ(strlen(line("XPT src=5 mix=" + std::string(300, 'm')).mix), 64u);
-}
-
-TEST_F(ConfigEmpty, SrcDefaultsAndValues)
-{
-    strcpy(ifs, "10.1.1.1");
-    ASSERT_EQ(pelocfg_load_src("SRC mix=a rtpa=5"), 0);
-    ASSERT_EQ(pelocfg_load_src("src mix=a:b rtpa=5 pt=300 ptime=5 gainv=-3;-6 br=64000 cbr=1 lce=1;i=10"), 0);
-    ASSERT_EQ(pelocfg_load_src("mix=a rtpa=alsa:0x2 gainv=\"-3 x\" ifa=1.2.3.4"), 0);
-    EXPECT_EQ(describe(srcs[0]) + "\n" + describe(srcs[1]) + "\n" + describe(srcs[2]),
-              "a 239.192.0.5:5004 10.1.1.1:5004 pt 255 ptime 48 gain 0/0 br 0 cbr 0 fmt 0/0/0/0 lce 0/0/0/0/0/0/0\n"
-              "a:b 239.192.0.5:5004 10.1.1.1:5004 pt 255 ptime 240 gain -3/-6 br 64000 cbr 1 fmt 0/0/0/0 lce 1/1/0/0/0/0/0\n"
-              "a alsa:2 alsa:0 pt 255 ptime 48 gain -3/0 br 0 cbr 0 fmt 0/0/0/0 lce 0/0/0/0/0/0/0");
 }
 
 TEST_F(ConfigEmpty, WarningsNameTheLineOrTheSource)
@@ -203,8 +177,10 @@ TEST_F(ConfigEmpty, ReloadAppliesOnlyTheDifference)
         edited.replace(edited.find(c.from), strlen(c.from), c.to);
         load(edited);
         EXPECT_EQ(routing_ops(), c.ops) << c.to;
-        const std::string now = loaded();
-        EXPECT_EQ(std::count(now.begin(), now.end(), '\n'), 3);
+        int running = 0;
+        for (dlist *e = xpts.next; e != &xpts; e = e->next)
+            running++;
+        EXPECT_EQ(running, 3);
         EXPECT_TRUE(dlist_empty(&xpts_del) && dlist_empty(&xpts_new));
         EXPECT_EQ(find("spk", "5")->gain_dB, c.gain) << c.to;
         EXPECT_EQ(find("spk", "5")->fmt.nchan, 2) << c.to;
@@ -217,44 +193,4 @@ TEST_F(ConfigEmpty, ReloadAppliesOnlyTheDifference)
     EXPECT_EQ(vox_text(routing_calls[0].x.vox), "vox -48.00/1000/0");
 }
 
-TEST(ConfigVoxLimcom, ValuesAndWhereParsingStops)
-{
-    const std::pair<const char *, const char *> vox[] = {
-        {"0;t=-20", "vox 0.00/1000/0"},        {"1;t=-120", "vox 0.00/1000/0"},
-        {"1;h=0.25;g=1.9;x=5;t=-6", "vox -6.00/250/1"}, {"1;t=-20x;h=5", "vox -20.00/1000/0"},
-    };
-    for (const auto &[s, want] : vox) {
-        pelod_vox_cfg v{};
-        pelocfg_vox(&v, s);
-        EXPECT_EQ(vox_text(v), want) << s;
-    }
-    const std::pair<const char *, const char *> lce[] = {
-        {"1;i=23;a=1", "lce 1/2/3/1/0/0/0"}, {"1;i=28;a=1", "lce 1/2/1/0/0/0/0"},
-        {"0;a=5", "lce 0/0/1/0/0/0/0"}, {";r=5;R=2;T=0.1;q=3;a=7", "lce 0/0/1/7/5/0.1/2"}, // only 1 is skipped
-    };
-    for (const auto &[s, want] : lce) {
-        limcom_params l{};
-        pelocfg_limcom(&l, s);
-        EXPECT_EQ(fields({}, l).substr(12), want) << s;
-    }
-}
-
-TEST(ConfigEndpoint, AddressesAndPorts)
-{
-    const char *const cases[][3] = { // rtpa, ifa, endpoint
-        {"5", "", "239.192.0.5:5004 0.0.0.0:5004"},
-        {"239.1.1.1:6000", "192.168.1.2", "239.1.1.1:6000 192.168.1.2:6000"},
-        {"10.0.0.1", nullptr, "10.0.0.1:5004 0.0.0.0:5004"}, {"vts://5", "", "239.192.0.5:0 0.0.0.0:0"},
-        {"5", ":7000", "239.192.0.5:5004 0.0.0.0:7000"},
-        {"239.1.1.1;src=10.0.0.9;fmt=x;src=10.0.0.8", "", "239.1.1.1:5004 0.0.0.0:5004 from 10.0.0.8:0"},
-        {"0", "", "none"}, {"alsa:0", "", "none"}, {"5", "1.2.3", "none"},
-    };
-    for (const auto &[rtpa, ifa, want] : cases) {
-        rtp_ep_spec ep[2];
-        memset(ep, 0x5a, sizeof ep);
-        rtpa2ep(rtpa, ifa, ep, 2);
-        EXPECT_EQ(memcmp(&ep[0], &ep[1], sizeof ep[0]), 0);
-        EXPECT_EQ(ep_text(ep[0]), want) << rtpa;
-    }
-}
 } // namespace

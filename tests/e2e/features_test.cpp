@@ -1,36 +1,83 @@
-// Features through the built daemon in a network namespace of the test's
-// own: the report file, the voice-activity notifications, the sound card
-// (alsa-lib with "hw" redefined as a file plugin) and the limiter of
-// outgoing streams. The test sends and receives RTP itself.
-#include "audio/alsa.h"
-#include "e2e.h"
+// The daemon's features through the built daemon in a network namespace
+// of the test's own, all in one run: two streams come in by group (one on
+// a channel number, one source-specific), are mixed with their gains and
+// clipped, and leave on the sound card (alsa-lib with "hw" redefined as a
+// file plugin) and on a channel group; the report file counts what the
+// sender caused, voice activity is announced, and a reload of the same
+// file re-creates nothing. The test sends and receives RTP itself.
 #include "support/alsa_file.h"
+#include "support/daemon.h"
+#include "support/netns.h"
+#include "support/rtp_wire.h"
 
+#include <arpa/inet.h>
 #include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
-#include <memory>
 #include <poll.h>
+#include <sched.h>
 #include <sstream>
 #include <unistd.h>
 
 namespace {
 using texts = std::vector<std::string>;
-using samples = std::vector<int32_t>;
+constexpr double FULL24 = 8388607.0;
+in_addr_t ip(const char *a) { return a ? inet_addr(a) : INADDR_ANY; }
 
-// Playout delay of the test's streams: a packet of the busy machine's
-// sender may come this late and still play in place (whole blocks).
-const std::string SLACK = "960";
-
-// One period of a 1 kHz tone: one block, so every block of it is the same.
-samples tone(double amp)
+// A UDP socket made in ns, bound to bind_addr:port, in `group` on interface
+// ifa when given; multicast leaves through ifa (else bind_addr). -1 on failure.
+int udp_socket(const netns &ns, const char *bind_addr, uint16_t port, const char *group = nullptr,
+               const char *ifa = nullptr)
 {
-    samples b;
-    for (int k = 0; k < 48; k++)
-        b.push_back(int32_t(std::lround(amp * FULL24 * std::sin(2 * M_PI * k / 48.0))));
-    return b;
+    const netns_scope in(ns);
+    const int fd = in.ok() ? socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0) : -1;
+    const sockaddr_in a{AF_INET, htons(port), {ip(bind_addr)}, {}};
+    const in_addr mcif{ip(ifa ? ifa : bind_addr)};
+    const ip_mreq m{{ip(group)}, {ip(ifa)}};
+    const int one = 1;
+    if (fd < 0 || setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 || bind(fd, reinterpret_cast<const sockaddr *>(&a), sizeof a) != 0 ||
+        setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &mcif, sizeof mcif) != 0 ||
+        (group && setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof m) != 0)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+void rtp_send(int fd, const char *to, uint16_t port, uint16_t seq, uint32_t ssrc, const std::vector<int32_t> &v)
+{
+    const std::vector<uint8_t> p = rtp_datagram(seq, 48u * seq, pcm24(v), 96, false, ssrc);
+    const sockaddr_in a{AF_INET, htons(port), {ip(to)}, {}};
+    sendto(fd, p.data(), p.size(), 0, reinterpret_cast<const sockaddr *>(&a), sizeof a);
+}
+
+// Calls each(k) every millisecond from a low real-time priority when it
+// may, half a millisecond after the daemon's wake-ups (whole milliseconds
+// of the media clock), as a sender on the media clock sends.
+void paced_1ms(int ms, const std::function<void(int)> &each)
+{
+    const int policy = sched_getscheduler(0);
+    sched_param old{}, rt{1};
+    sched_getparam(0, &old);
+    const bool raised = sched_setscheduler(0, SCHED_FIFO, &rt) == 0;
+    const auto now = [] {
+        timespec t{};
+        clock_gettime(CLOCK_TAI, &t);
+        return int64_t(t.tv_sec) * 1000000000 + t.tv_nsec;
+    };
+    const int64_t t0 = (now() / 1000000 + 2) * 1000000 + 500000;
+    for (int k = 0; k < ms; k++) {
+        if (const int64_t wait = t0 + int64_t(k) * 1000000 - now(); wait > 0) {
+            const timespec rel{time_t(wait / 1000000000), long(wait % 1000000000)};
+            clock_nanosleep(CLOCK_MONOTONIC, 0, &rel, nullptr);
+        }
+        each(k);
+    }
+    if (raised)
+        sched_setscheduler(0, policy, &old);
 }
 
 // Every datagram waiting on fd now, or within wait_ms for the first one.
@@ -45,155 +92,125 @@ texts take(int fd, int wait_ms = 0)
     return got;
 }
 
-// 1: every value is want(i) within tol; 0: all are zero; -1: neither.
-template <class W> int tone_or_silence(const samples &got, W want, double tol)
-{
-    bool silent = true, tone = true;
-    for (size_t i = 0; i < got.size(); i++) {
-        silent = silent && got[i] == 0;
-        tone = tone && std::fabs(got[i] - want(i)) <= tol;
-    }
-    return tone ? 1 : silent ? 0 : -1;
-}
-
-// Columns of one flow row of the report, by the names in the header line.
-std::map<std::string, std::string> flow_row(const std::string &report, const std::string &index)
+// Columns SYNC to GOOD of the report's row for a source (its Channel column).
+std::string counters(const std::string &report, const std::string &source)
 {
     std::istringstream in(report);
-    std::vector<std::string> names;
-    std::map<std::string, std::string> row;
-    for (std::string line; std::getline(in, line) && line.rfind("# Outputs", 0) != 0;) {
+    for (std::string line; std::getline(in, line);) {
         std::istringstream words(line);
-        if (line.rfind("## R ", 0) == 0 && names.empty())
-            for (std::string w; words >> w;)
-                names.push_back(w);
-        else if (!names.empty() && line.rfind(index + " ", 0) == 0)
-            for (size_t i = 0; i < names.size() && words >> row[names[i]]; i++) {
-            }
+        std::string w[11], c; // index, R, SYNC .. GOOD, Channel
+        for (std::string &x : w)
+            words >> x;
+        for (int i = 2; i < 10; i++)
+            c += w[i] + (i < 9 ? " " : "");
+        if (w[10] == source)
+            return c;
     }
-    return row;
+    return "";
 }
 
-// One daemon per case in a namespace of its own: the test's ports are
-// fixed, the input streams come from 127.0.0.1:5000.
-class E2eFeatures : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        SKIP_WITHOUT_NETNS();
-        ns = std::make_unique<netns>("pe2ef");
-        ASSERT_TRUE(ns->ok());
-        net = udp_socket(*ns, "127.0.0.1", 5000);
-        ASSERT_GE(net, 0);
-    }
-    void TearDown() override
-    {
-        if (daemon && daemon->pid > 0) {
-            EXPECT_EQ(daemon->stop(), 0) << daemon->output();
-        }
-        close(net);
-    }
-    void start(const std::string &conf, const std::vector<std::string> &options = {})
-    {
-        daemon = std::make_unique<ns_pelod>(*ns, conf, options);
-        report = daemon->path.substr(0, daemon->path.rfind('.')) + ".stat";
-        ASSERT_TRUE(daemon->up) << daemon->output();
-    }
-    // Sends packets number first..last-1 of 1-ms mono streams, paced:
-    // each input port gets its samples every millisecond; each() runs after.
-    template <class F>
-    void stream(int first, int last, const std::vector<std::pair<uint16_t, samples>> &inputs, F each)
-    {
-        paced_1ms(last - first, [&](int k, uint32_t) {
-            const int n = first + k;
-            for (const auto &[port, v] : inputs)
-                rtp_send(net, "127.0.0.1", port, 96, uint16_t(n), 48u * uint32_t(n), 0x5E11D00D, pcm24(v));
-            each();
-        });
-    }
-    std::unique_ptr<netns> ns;
-    std::unique_ptr<alsa_file_card> card; // outlives the daemon
-    std::unique_ptr<ns_pelod> daemon;
-    int net = -1; // the test's peer: sends the streams in
-    std::string report;
-};
+float lin(double dB) { return float(std::pow(10.0, dB / 20)); }
 
-TEST_F(E2eFeatures, ReportCountsWhatTheSenderCausedAndUsr1ZeroesIt)
+// One period of 1 kHz per block, its first sample loud.
+const std::vector<int32_t> in = [] {
+    std::vector<int32_t> v;
+    for (int k = 0; k < 48; k++)
+        v.push_back(int32_t(std::lround(0.5 * FULL24 * std::cos(2 * M_PI * k / 48.0))));
+    return v;
+}();
+
+// Whether a block of 48 samples (stride apart) is the mix of none, either
+// or both streams (at -6 and +6 dB, clipped) at the output gain.
+bool mixed_block(const int32_t *v, int stride, float out_dB, int *which)
 {
-    start("XPT mix=m src=127.0.0.1:5004 fmt=L24/48000/1\n");
-    const samples quiet(48, 1000);
-    const auto send = [&](int seq) { rtp_send(net, "127.0.0.1", 5004, 96, uint16_t(seq), 48u * seq, 1, pcm24(quiet)); };
-    paced_1ms(20, [&](int seq, uint32_t) {
+    for (int shape = 0; shape < 4; shape++) {
+        const float g = (shape & 1 ? lin(-6) : 0.0f) + (shape & 2 ? lin(6) : 0.0f);
+        bool all = true;
+        for (int k = 0; k < 48 && all; k++) {
+            const float m = std::clamp(float(in[size_t(k)]) * float(1.0 / FULL24) * g, -1.0f, 1.0f);
+            all = std::abs(v[k * stride] - int32_t(m * (lin(out_dB) * float(FULL24)))) <= 3;
+        }
+        if (all)
+            return *which = shape, true;
+    }
+    return false;
+}
+
+TEST(E2eFeatures, GroupsGainsReportVoxReloadAndSoundCardInOneRun)
+{
+    SKIP_WITHOUT_NETNS();
+    const netns ns("pe2ef");
+    ASSERT_TRUE(ns.ok());
+    const int net = udp_socket(ns, "127.0.0.1", 5000), other = udp_socket(ns, "127.0.0.2", 0, nullptr, "127.0.0.1"),
+              notes = udp_socket(ns, "127.0.0.1", 6100), rx = udp_socket(ns, nullptr, 6000, "239.193.0.7", "127.0.0.1");
+    ASSERT_TRUE(net >= 0 && other >= 0 && rx >= 0);
+    const alsa_file_card card(std::string(384, '\0')); // outlives the daemon
+    // channel -300 is 239.193.1.44, -7 is 239.193.0.7; a playout delay that a
+    // late packet of a busy machine still meets
+    pelod_proc daemon("GLB ifs=127.0.0.1\nXPT mix=spk src=-300 pdly=960 gain=-6 vox=1;t=-20;h=0.4\n"
+                      "XPT mix=spk src=232.1.2.3:5006;src=127.0.0.1 pdly=960 gain=6\n"
+                      "SRC mix=spk:spk rtpa=alsa:0 gainv=0;-6\nSRC mix=spk rtpa=-7:6000 gainv=-3\n");
+    ASSERT_TRUE(daemon.start_up({"--vox-notify-port=6100"}, ns.cmd({}))) << daemon.err();
+    const std::string report = daemon.path.substr(0, daemon.path.rfind('.')) + ".stat";
+
+    const auto send = [&](int seq) { rtp_send(net, "239.193.1.44", 5004, uint16_t(seq), 1, in); };
+    texts got, out; // notifications, the group's datagrams
+    paced_1ms(400, [&](int seq) {
         if (seq < 10 || seq > 12) // a gap of three
             send(seq);
-    });
-    send(19); // a repeat
-    // the first packet only teaches sequence and time, and so does the repeat
-    const std::map<std::string, std::string> want = {{"PKTS", "18"}, {"GOOD", "15"}, {"DROP", "3"},
-                                                     {"DUPL", "1"},  {"SEQE", "2"},  {"SRST", "1"}};
-    std::map<std::string, std::string> row;
-    EXPECT_TRUE(wait_for(3000, [&] { return (row = flow_row(read_file(report), "00"))["PKTS"] == "18"; }))
-        << read_file(report);
-    for (const auto &[column, value] : want)
-        EXPECT_EQ(row[column], value) << column;
-    EXPECT_GE(atol(row["SYNC"].c_str()), 1) << "the stream was locked";
-    EXPECT_EQ(row["Channel"], "127.0.0.1:5004");
-
-    daemon->signal(SIGUSR1);
-    const auto zeroed = [&] {
-        row = flow_row(read_file(report), "00");
-        for (const char *c : {"SYNC", "PKTS", "SRST", "SEQE", "DROP", "DUPL", "LATE", "GOOD"})
-            if (row[c] != "0")
-                return false;
-        return true;
-    };
-    EXPECT_TRUE(wait_for(3000, zeroed)) << read_file(report);
-}
-
-TEST_F(E2eFeatures, TalkerStartAndEndAreAnnouncedAndHupRepeatsTheList)
-{
-    const int notes = udp_socket(*ns, "127.0.0.1", 6100);
-    start("XPT mix=m src=127.0.0.1:5004 fmt=L24/48000/1 vox=1;t=-20;h=0.4\n", {"--vox-notify-port=6100"});
-    const texts talking = {R"({"vox":["127.0.0.1:5004"]})"};
-    texts got;
-    const auto listen = [&] {
+        rtp_send(net, "232.1.2.3", 5006, uint16_t(seq), 2, in);
+        rtp_send(other, "232.1.2.3", 5006, uint16_t(seq), 3, std::vector<int32_t>(48, 7000000)); // not the source
+        if (seq == 200)
+            daemon.signal(SIGHUP); // the same file: nothing is re-created, the list is announced again
         for (std::string &t : take(notes))
             got.push_back(std::move(t));
-    };
-    const samples loud(48, int32_t(0.5 * FULL24)); // the first sample of a packet counts
-    stream(0, 200, {{5004, loud}}, listen);
-    EXPECT_EQ(got, talking) << "start of talk";
-    got.clear();
-    daemon->signal(SIGHUP);
-    stream(200, 500, {{5004, loud}}, listen);
-    EXPECT_EQ(got, talking) << "the reload announces the current list once";
+        for (std::string &t : take(rx))
+            out.push_back(std::move(t));
+    });
+    send(399); // a repeat
+    EXPECT_EQ(got, texts(2, R"({"vox":["-300"]})")) << "start of talk, then the reload's announcement";
     const auto silent = std::chrono::steady_clock::now();
     EXPECT_EQ(take(notes, 2000), texts{R"({"vox":[]})"}) << "end of talk";
     EXPECT_GE(std::chrono::steady_clock::now() - silent, std::chrono::milliseconds(390))
         << "held for 0.4 s after the last loud packet";
-    close(notes);
-}
 
-TEST_F(E2eFeatures, PlaysAMixRoutedToTheCardIntoThePlaybackFile)
-{
-    card = std::make_unique<alsa_file_card>(std::string(384, '\0'));
-    start("XPT mix=spk src=127.0.0.1:5004 fmt=L24/48000/1 pdly=" + SLACK + "\n"
-          "SRC mix=spk:spk rtpa=alsa:0 gainv=0;-6\n");
-    const samples in = tone(0.5);
-    stream(0, 300, {{5004, in}}, [] {});
-    // blocks of 96 interleaved 24-bit words, left at 0 dB and right at -6 dB
-    const std::string raw = read_file(card->play_path);
-    int played = 0;
-    for (size_t at = 0; at + 384 <= raw.size(); at += 384) {
-        samples w(96);
-        memcpy(w.data(), raw.data() + at, 384);
-        for (int32_t &v : w)
-            v = int32_t(uint32_t(v) << 8) >> 8;
-        const int r = tone_or_silence(w, [&](size_t i) { return in[i / 2] * (i % 2 ? std::pow(10.0, -0.3) : 1.0); }, 2);
-        ASSERT_GE(r, 0) << "nothing but silence and the tone, block " << at / 384;
-        played += r;
+    // SYNC PKTS SRST SEQE DROP DUPL LATE GOOD: the stream locked once; the first
+    // packet only teaches sequence and time, and so does the repeat
+    EXPECT_TRUE(wait_for(3000, [&] { return counters(read_file(report), "-300") == "1 398 1 2 3 1 0 395"; }))
+        << read_file(report);
+    daemon.signal(SIGUSR1);
+    EXPECT_TRUE(wait_for(3000, [&] { return counters(read_file(report), "-300") == "0 0 0 0 0 0 0 0"; })) << read_file(report);
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.wait(3000), 0) << daemon.err();
+
+    // the group's packets, mono L24 at -3 dB; a group output is held back at
+    // first while it listens for another sender
+    ASSERT_GT(out.size(), 300u) << daemon.err();
+    EXPECT_GE(be16(reinterpret_cast<const uint8_t *>(out[0].data()) + 2), 1);
+    int both = 0, shape = -1;
+    for (const std::string &p : out) {
+        ASSERT_EQ(p.size(), 12u + 144u);
+        int32_t v[48];
+        for (size_t k = 0; k < 48; k++)
+            v[k] = be24(reinterpret_cast<const uint8_t *>(p.data()) + 12 + 3 * k);
+        ASSERT_TRUE(mixed_block(v, 1, -3, &shape)) << "packet " << &p - out.data();
+        both += shape == 3;
     }
-    EXPECT_GE(played, 200);
+    EXPECT_GE(both, 250);
+    // blocks of 96 interleaved 24-bit words, left at 0 dB and right at -6 dB
+    const std::string raw = read_file(card.play_path);
+    both = 0;
+    for (size_t at = 0; at + 384 <= raw.size(); at += 384) {
+        int32_t w[96];
+        memcpy(w, raw.data() + at, 384);
+        for (int32_t &x : w)
+            x = int32_t(uint32_t(x) << 8) >> 8;
+        ASSERT_TRUE(mixed_block(w, 2, 0, &shape) && mixed_block(w + 1, 2, -6, &shape)) << "block " << at / 384;
+        both += shape == 3;
+    }
+    EXPECT_GE(both, 250);
+    for (int fd : {net, other, notes, rx})
+        close(fd);
 }
 
 } // namespace

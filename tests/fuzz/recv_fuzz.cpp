@@ -9,6 +9,7 @@
 #include "rtp/rtp_recv.h"
 #include "rtp/rtp_src.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,44 +32,26 @@ constexpr int KINDS = int(std::size(kinds));
 rtp_dst &flow = rtp_dsts[7];
 OpusDecoder *decoders[2];
 
-std::vector<uint8_t> datagram(uint16_t seq, uint32_t ts, int pt, const std::vector<uint8_t> &payload)
-{
-    std::vector<uint8_t> p = {0x80, uint8_t(pt), uint8_t(seq >> 8), uint8_t(seq), uint8_t(ts >> 24), uint8_t(ts >> 16),
-                              uint8_t(ts >> 8), uint8_t(ts), 1, 2, 3, 4};
-    p.insert(p.end(), payload.begin(), payload.end());
-    return p;
-}
-
+// Seeds: one valid datagram per kind of flow (sequence 100, timestamp 4800).
 void write_seeds(const char *dir)
 {
-    int n = 0;
-    const auto put = [&](uint8_t kind, const std::vector<uint8_t> &d) {
-        const std::string path = std::string(dir) + "/seed" + std::to_string(n++);
-        FILE *f = fopen(path.c_str(), "wb");
-        if (!f)
-            return;
-        fputc(kind, f);
-        fputc(7, f);
-        fwrite(d.data(), 1, d.size(), f);
-        fclose(f);
-    };
     for (int k = 0; k < KINDS; k++) {
         const rtp_fmt &f = kinds[k].fmt;
+        std::vector<uint8_t> d = {uint8_t(k), 7, 0x80, uint8_t(f.payload_format == RTP_FMT_OPUS ? 111 : f.nchan == 0 ? 98 : 101), 0, 100, 0, 0, 0x12, 0xC0, 1, 2, 3, 4};
         if (f.payload_format == RTP_FMT_OPUS) {
             OpusEncoder *enc = opus_encoder_create(48000, f.nchan, OPUS_APPLICATION_AUDIO, nullptr);
             std::vector<float> pcm(size_t(240 * f.nchan), 0.25f);
-            std::vector<uint8_t> out(1500);
-            const int len = opus_encode_float(enc, pcm.data(), 240, out.data(), int(out.size()));
+            uint8_t out[1500];
+            d.insert(d.end(), out, out + std::max(opus_encode_float(enc, pcm.data(), 240, out, sizeof out), 0));
             opus_encoder_destroy(enc);
-            out.resize(size_t(std::max(len, 0)));
-            put(uint8_t(k), datagram(100, 4800, 111, out));
-            continue;
+        } else {
+            for (int i = 0; i < 48 * (f.bps / 8) * (f.nchan ? f.nchan : 1); i++)
+                d.push_back(uint8_t(i * 37));
         }
-        const int frame = (f.bps / 8) * (f.nchan ? f.nchan : 1);
-        std::vector<uint8_t> payload(size_t(48 * frame));
-        for (size_t i = 0; i < payload.size(); i++)
-            payload[i] = uint8_t(i * 37);
-        put(uint8_t(k), datagram(100, 4800, f.nchan == 0 ? 98 : 101, payload));
+        if (FILE *o = fopen((std::string(dir) + "/seed" + std::to_string(k)).c_str(), "wb")) {
+            fwrite(d.data(), 1, d.size(), o);
+            fclose(o);
+        }
     }
     exit(0);
 }

@@ -1,14 +1,9 @@
 #include "routing/xpt.h"
-#include "support/cycle_tables.h"
 
-#include "config/pelocfg.h"
-#include "daemon/pelod.h"
-#include "rtp/rtp_src.h"
 #include "daemon/shared.h"
+#include "support/cycle_tables.h"
 #include "support/emulation.h"
 #include "support/rtp_wire.h"
-
-#include "audio/eaec_glue.h"
 
 #include <arpa/inet.h>
 #include <atomic>
@@ -39,37 +34,20 @@ std::string routing()
     return s + " | " + std::to_string(n) + " sk";
 }
 
-// State: start-up done, nothing routed, no outgoing stream. Crosspoints
-// receive unicast on 127.0.0.1, on a port the kernel hands out.
-class XptEmpty : public ::testing::Test {
-protected:
-    static inline int port;
-    void SetUp() override
-    {
-        port = udp_free_port();
-        reset_cycle_tables();
-    }
-    void TearDown() override
-    {
-        debug = 0;
-        close_flow_endpoints();
-        EXPECT_TRUE(dlist_empty(&rtp_sk_all));
-    }
-    static pelod_xpt xp(const char *mix, const char *src, int chn = -1, float gain_dB = 0, const char *bind = "127.0.0.1")
-    {
+// From start-up on: crosspoints receiving unicast on 127.0.0.1, on a port
+// the kernel hands out, share flows per source and channel.
+TEST(Xpt, FlowsAreSharedPerSourceAndChannelAndModesFollow)
+{
+    reset_cycle_tables();
+    const uint16_t port = udp_free_port();
+    const auto xp = [&](const char *mix, const char *src, int chn = -1) {
         pelod_xpt x{};
         snprintf(x.mix, sizeof x.mix, "%s", mix);
         snprintf(x.src, sizeof x.src, "%s", src);
         x.chn = chn;
-        x.gain_dB = gain_dB;
-        x.ep.sa_dst = {AF_INET, htons(uint16_t(port)), {inet_addr("127.0.0.1")}, {}};
-        x.ep.sa_bind = {AF_INET, htons(uint16_t(port)), {inet_addr(bind)}, {}};
+        x.ep.sa_dst = x.ep.sa_bind = {AF_INET, htons(port), {inet_addr("127.0.0.1")}, {}};
         return x;
-    }
-};
-
-TEST_F(XptEmpty, FlowsAreSharedPerSourceAndChannelAndModesFollow)
-{
+    };
     const pelod_xpt a = xp("spk", "s1"), r = xp("spk", "s1", 1), b = xp("line", "s1"), c = xp("spk", "s2");
     const struct {
         char op;
@@ -90,76 +68,15 @@ TEST_F(XptEmpty, FlowsAreSharedPerSourceAndChannelAndModesFollow)
         EXPECT_EQ(routing(), s.routing);
     }
     EXPECT_EQ(pelod_xpt_del(&c), -1);
-}
-
-TEST_F(XptEmpty, OverflowOfFlowsAndOfMixOutputs)
-{
-    pelod_xpt x{};
-    testing::internal::CaptureStdout();
-    for (int i = 0; i < 49; i++) {
-        snprintf(x.mix, sizeof x.mix, "m%d", i % 16);
-        snprintf(x.src, sizeof x.src, "s%d", i);
-        EXPECT_EQ(pelod_xpt_add(&x), i < 48 ? 0 : -1);
-    }
-    snprintf(x.mix, sizeof x.mix, "m16");
-    EXPECT_EQ(pelod_xpt_add(&x), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "update_flows no mixer input availableupdate_flows no mixer output available");
-}
-
-TEST_F(XptEmpty, PruneKeepsMixesOfOutgoingStreams)
-{
-    const pelod_xpt x[] = {xp("spk", "a"), xp("line", "a"), xp("rec", "a")};
-    for (const pelod_xpt &e : x)
-        pelod_xpt_add(&e);
-    rtp_src s{};
-    s.nchn = 2;
-    s.mix[1] = 1; // mix[0] = 0: "spk"
-    rtp_srcs = &s;
-    for (const pelod_xpt &e : x)
-        pelod_xpt_del(&e);
-    EXPECT_EQ(routing(), "| spk=- line=- | 0 sk");
-    s.nchn = 1;
-    debug = 1;
-    testing::internal::CaptureStdout();
-    mixs_prune();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "- mix  line\n");
-}
-
-// The loader gives sound-card crosspoints no endpoint; a second mix of the
-// microphone must not wipe the flow's sound-card marker. The microphone runs
-// no limiter or canceller, so lce= and ecs= never keep a reload from
-// finding its flow again.
-TEST_F(XptEmpty, SoundCardFlowKeepsItsMarkerWhenSharedAndIsFoundAgain)
-{
-    pelod_xpt a = xp("spk", "alsa:1"), b = xp("line", "alsa:1");
-    a.ep = b.ep = rtp_ep_spec{};
-    a.limcom_params.enable = 1;
-    snprintf(b.eaec_mix, sizeof b.eaec_mix, "spk");
-    pelod_xpt_add(&a);
-    pelod_xpt_add(&b);
-    EXPECT_EQ(routing(), "0:alsa:1 | spk=0 line=0 | 0 sk");
-    EXPECT_EQ(rtp_dsts[0].ep.sa_dst.sin_family, alsa_src_family);
-    EXPECT_EQ(rtp_dsts[0].ep.sa_dst.sin_port, htons(1));
-    EXPECT_EQ(pelod_xpt_del(&a), 0);
-    EXPECT_EQ(pelod_xpt_del(&b), 0);
-    EXPECT_EQ(rtp_dsts[0].ep.sa_dst.sin_family, 0);
-    EXPECT_EQ(routing(), "| | 0 sk");
-}
-
-// A flow whose canceller could not be set up (reference left at -1) still
-// serves its crosspoint: a reload finds it again and can delete it.
-TEST_F(XptEmpty, FlowWithAFailedCancellerIsStillMatched)
-{
-    pelod_xpt x = xp("spk", "192.0.2.7");
-    snprintf(x.eaec_mix, sizeof x.eaec_mix, "%s", "mic");
-    ASSERT_EQ(pelod_xpt_add(&x), 0);
-    rtp_dst &d = rtp_dsts[0];
-    ASSERT_NE(d.eaec_source, -1);
-    dst_eaec_setup(&d, -1); // what a failed set-up leaves
-    EXPECT_EQ(pelod_xpt_add(&x), 0);
-    EXPECT_EQ(pelod_xpt_del(&x), 0);
-    EXPECT_EQ(routing(), "| | 0 sk");
+    // a new destination alone: the socket stays, the endpoint moves to the
+    // bucket the cycle looks in for that address
+    pelod_xpt a2 = a;
+    a2.ep.sa_dst.sin_addr.s_addr = inet_addr("127.0.0.5");
+    ASSERT_EQ(pelod_xpt_add(&a) + pelod_xpt_add(&a2), 0);
+    const rtp_ep &e = rtp_dsts[0].ep;
+    EXPECT_EQ(rtp_sk_ep_list(e.sk, inet_addr("127.0.0.5"))->next, &e.rtp_sk_ep_list) << routing();
+    EXPECT_EQ(pelod_xpt_del(&a2), 0);
+    close_flow_endpoints();
 }
 
 // The cycle may read a free flow while it is re-initialised: its canceller

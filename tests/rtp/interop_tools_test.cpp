@@ -1,13 +1,11 @@
 // The tools for other RTP software: pelod-sdp's descriptions follow what
-// the send path puts on the wire, and the jitter probe asks for the delay
-// a bursty sender needs.
+// the send path puts on the wire; pelod-tone's streams reach pelod-listen
+// whole, in every format, at their level.
 #include "support/emulation.h"
 #include "support/proc.h"
 #include "support/rtp_wire.h"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
@@ -36,32 +34,33 @@ TEST(PelodSdp, DescribesWhatEachStreamSends)
     }
 }
 
-TEST(PelodListenProbe, AsksForTheDelayOfASendersBursts)
+TEST(PelodToneToListen, EachFormatArrivesWholeAtItsLevel)
 {
     SKIP_UNDER_EMULATION();
-    const uint16_t port = udp_free_port();
-    bg_proc probe;
-    ASSERT_TRUE(probe.start({tools + "/pelod-listen", "-q", "-j", "-n", "400", "-t", "5",
-                             "127.0.0.1:" + std::to_string(port)}));
-    usleep(300000);
-    sockaddr_in to{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    const uint32_t ts0 = media_clock_now() - 480;
-    for (int k = 0; k < 400; k++) { // ten 1 ms datagrams at once, every 10 ms
-        if (k % 10 == 0)
-            usleep(10000);
-        const std::vector<uint8_t> d = rtp_datagram(uint16_t(k), ts0 + 48u * uint32_t(k), pcm24(std::vector<int32_t>(48)));
-        sendto(fd, d.data(), d.size(), 0, reinterpret_cast<sockaddr *>(&to), sizeof to);
+    const struct {
+        std::vector<std::string> tone, listen;
+        const char *want;
+    } rows[] = {
+        {{"-l", "-12"}, {}, "pt=101 format=L24 channels=1 ptime=48 "},
+        {{"-F", "L16", "-c", "2", "-f", "1000,500", "-l", "-12"}, {}, "pt=112 format=L16 channels=2 ptime=48 "},
+        {{"-F", "opus", "-c", "2", "-l", "-12"}, {"-f", "opus/2"}, "pt=96 format=opus channels=2 ptime=480 "},
+    };
+    for (const auto &r : rows) {
+        const std::string at = "127.0.0.1:" + std::to_string(udp_free_port());
+        std::vector<std::string> listen = {tools + "/pelod-listen", "-q", "-t", "1.5", at}, tone = {tools + "/pelod-tone", "-q", "-d", "1"};
+        listen.insert(listen.begin() + 1, r.listen.begin(), r.listen.end());
+        tone.insert(tone.end(), r.tone.begin(), r.tone.end());
+        tone.push_back(at);
+        bg_proc l;
+        ASSERT_TRUE(l.start(listen));
+        ASSERT_TRUE(wait_for(2000, [&] { return l.err().find("listening on") != std::string::npos; }));
+        EXPECT_EQ(run_prog(tone).status, 0);
+        ASSERT_EQ(l.wait(4000), 0) << l.err();
+        for (const char *w : {r.want, " lost=0 gaps=0 ", " bad=0 "})
+            EXPECT_NE(l.out().find(w), std::string::npos) << w << "\n" << l.out();
+        const size_t rms = l.out().find("rms_dbfs=");
+        EXPECT_NEAR(rms == std::string::npos ? 0.0 : std::stod(l.out().substr(rms + 9)), -15.0, 0.2) << l.out();
     }
-    close(fd);
-    ASSERT_EQ(probe.wait(8000), 0) << probe.err();
-    const size_t at = probe.out().find("pdly_100=");
-    const int pdly = at == std::string::npos ? -1 : std::stoi(probe.out().substr(at + 9));
-    // Where the lock settles inside a burst depends on when the probe's
-    // wake-ups fall, so the need lies between 7 and 9 ms; a probe that
-    // ignored the lag would ask for about nothing.
-    EXPECT_GE(pdly, 5 * 48) << "the first of a burst waits for the last";
-    EXPECT_LT(pdly, 8192) << probe.out(); // stalls of a busy machine only add
 }
 
 } // namespace

@@ -172,6 +172,37 @@ TEST_F(RtpRecvFlow, PcmWritersScaleSelectDownMixAndFeedTheLevelTap)
     }
 }
 
+// A foreign encoder's Opus stereo, a tone on the left and half of it on
+// the right: the down-mix sums the channels at -3 dB, chn=0 takes the left.
+TEST(RtpRecvOpus, StereoIsDownMixedOrOneChannelSelected)
+{
+    mix_inp_init();
+    OpusEncoder *enc = opus_encoder_create(48000, 2, OPUS_APPLICATION_AUDIO, nullptr);
+    double energy[2] = {};
+    float pcm[960];
+    uint8_t pkt[1500];
+    for (int i = 0; i < 2; i++) {
+        dst_init(&rtp_dsts[20 + i], 20 + i);
+        rtp_dsts[20 + i].fmt = rtp_fmt{RTP_FMT_OPUS, 16, 48000, 2};
+        rtp_dsts[20 + i].channel_mode = i - 1;
+        rtp_dsts[20 + i].opus_dec = opus_decoder_create(48000, 2, nullptr);
+    }
+    for (uint32_t f = 0; f < 20; f++) {
+        for (int k = 0; k < 960; k++)
+            pcm[k] = (k % 2 ? 0.125f : 0.25f) * std::sin(float(2 * M_PI) * float(k / 2) / 48.0f);
+        const int len = opus_encode_float(enc, pcm, 480, pkt, sizeof pkt);
+        for (int i = 0; i < 2; i++) {
+            mix_inp_opus(pkt, len, 480 * f, &rtp_dsts[20 + i]);
+            for (uint32_t k = 0; k < 480 && f >= 10; k++)
+                energy[i] += std::pow(*mix_slot(480 * f + k, 20 + i), 2);
+        }
+    }
+    EXPECT_NEAR(10 * std::log10(energy[0] / energy[1]), 20 * std::log10(1.5 * 0.707946), 0.2);
+    opus_encoder_destroy(enc);
+    for (int i = 0; i < 2; i++)
+        opus_decoder_destroy(rtp_dsts[20 + i].opus_dec);
+}
+
 // Hostile datagrams: nothing is read outside the received bytes (the sanitizer build checks that), nothing
 // is written outside the flows' columns of the ring, and every datagram of a flow counts.
 class RtpRecvHostile : public RtpRecvFlow { // state: flows of every format

@@ -7,17 +7,8 @@
 static std::atomic<bool> counting;
 static std::atomic<long> count;
 
-void alloc_count_start()
-{
-    count = 0;
-    counting = true;
-}
-
-long alloc_count_stop()
-{
-    counting = false;
-    return count;
-}
+void alloc_count_start() { count = 0, counting = true; }
+long alloc_count_stop() { return counting = false, long(count); }
 
 // Under AddressSanitizer malloc is the sanitizer's own: leave it alone
 // (gcc says so with __SANITIZE_ADDRESS__, clang with __has_feature).

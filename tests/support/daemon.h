@@ -15,12 +15,13 @@ struct pelod_proc : daemon_conf, bg_proc {
         pidfile_name(buf, sizeof buf, path.c_str());
         return buf;
     }
-    // Starts "pelod -p - -f <conf>" with args after it. True once the pid
-    // file exists (written after the signal handlers are in place), within
-    // three seconds.
-    bool start_up(std::vector<std::string> args = {})
+    // Starts "pelod -p - -f <conf>" with args after it (and prefix before
+    // it, e.g. a network namespace's). True once the pid file exists
+    // (written after the signal handlers are in place), within three seconds.
+    bool start_up(std::vector<std::string> args = {}, std::vector<std::string> prefix = {})
     {
         args.insert(args.begin(), {PELOD_BIN, "-p", "-", "-f", path});
+        args.insert(args.begin(), prefix.begin(), prefix.end());
         const std::string pid = pid_path();
         return start(args) && wait_for(3000, [&] { return access(pid.c_str(), F_OK) == 0; });
     }

@@ -1,6 +1,5 @@
 // Network namespaces made by a test: a network of its own for multicast
-// and for several hosts, torn down with the objects. Needs root and
-// iproute2's `ip`.
+// and fixed ports, torn down with the objects. Needs root and iproute2's `ip`.
 #pragma once
 #include <string>
 #include <vector>
@@ -22,13 +21,9 @@ std::string netns_unavailable();
 struct netns {
     std::string name; // empty when creation failed
     explicit netns(const std::string &base);
-    ~netns(); // deletes the namespace and the interfaces in it
+    ~netns();
     netns(const netns &) = delete;
-    netns &operator=(const netns &) = delete;
     bool ok() const { return !name.empty(); }
-    // Runs a shell command (without single quotes) in the namespace; its
-    // exit status.
-    int sh(const std::string &cmd) const;
     // argv prefixed so that it runs in the namespace (for run_prog, bg_proc).
     std::vector<std::string> cmd(std::vector<std::string> argv) const;
 };
@@ -40,20 +35,5 @@ struct netns_scope {
     explicit netns_scope(const netns &ns);
     ~netns_scope();
     netns_scope(const netns_scope &) = delete;
-    netns_scope &operator=(const netns_scope &) = delete;
     bool ok() const { return home >= 0; }
 };
-
-// A veth pair between two namespaces: `if_a` in a with address cidr_a
-// (e.g. "10.1.0.1/24"), `if_b` in b with cidr_b; an empty address leaves
-// that end without one. Both ends up. False on failure.
-bool netns_veth(const netns &a, const std::string &if_a, const std::string &cidr_a, const netns &b,
-                const std::string &if_b, const std::string &cidr_b);
-// A bridge `br` in hub, up, with address cidr ("" for none). Multicast
-// snooping is off: every port sees every group.
-bool netns_bridge(const netns &hub, const std::string &br, const std::string &cidr);
-// Plugs `host` into bridge br of hub: interface `ifname` in host with
-// address cidr, its peer a port of br. Returns the port's name in hub
-// ("" on failure), which `ip link set PORT nomaster` cuts off the bridge.
-std::string netns_bridge_port(const netns &hub, const std::string &br, const netns &host, const std::string &ifname,
-                              const std::string &cidr);

@@ -1,8 +1,6 @@
 #include "support/proc.h"
 
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <sstream>
@@ -12,25 +10,17 @@
 std::string tmp_file(const std::string &text, const std::string &suffix)
 {
     std::string path = "/tmp/pelodtestXXXXXX" + suffix;
-    std::vector<char> buf(path.begin(), path.end());
-    buf.push_back('\0');
-    const int fd = mkstemps(buf.data(), int(suffix.size()));
-    if (fd < 0)
-        return {};
-    if (write(fd, text.data(), text.size()) != ssize_t(text.size())) {
-        close(fd);
-        return {};
-    }
+    const int fd = mkstemps(path.data(), int(suffix.size()));
+    const bool ok = fd >= 0 && write(fd, text.data(), text.size()) == ssize_t(text.size());
     close(fd);
-    return buf.data();
+    return ok ? path : "";
 }
 
 daemon_conf::~daemon_conf()
 {
     const size_t slash = path.rfind('/') + 1;
-    const std::string base = path.substr(slash, path.rfind('.') - slash);
     unlink(path.c_str());
-    unlink(("/tmp/" + base + ".stat").c_str());
+    unlink(("/tmp/" + path.substr(slash, path.rfind('.') - slash) + ".stat").c_str());
 }
 
 std::string read_file(const std::string &path)
@@ -41,52 +31,12 @@ std::string read_file(const std::string &path)
     return ss.str();
 }
 
-static pid_t spawn(const std::vector<std::string> &argv, const std::string &out, const std::string &err)
-{
-    const pid_t pid = fork();
-    if (pid != 0)
-        return pid;
-    const int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int n = open("/dev/null", O_RDONLY);
-    dup2(n, 0);
-    dup2(o, 1);
-    dup2(e, 2);
-    std::vector<char *> args;
-    for (const std::string &a : argv)
-        args.push_back(const_cast<char *>(a.c_str()));
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    _exit(127);
-}
-
-static int wait_exit(pid_t pid, int timeout_ms)
-{
-    int status = 0;
-    for (int waited = 0;; waited += 10) {
-        const pid_t r = waitpid(pid, &status, WNOHANG);
-        if (r == pid)
-            return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        if (r < 0)
-            return -1;
-        if (waited >= timeout_ms) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            return -1;
-        }
-        usleep(10000);
-    }
-}
-
 run_result run_prog(const std::vector<std::string> &argv, int timeout_ms)
 {
     bg_proc p;
     run_result r;
-    if (!p.start(argv))
-        return r;
-    r.status = p.wait(timeout_ms);
-    r.out = p.out();
-    r.err = p.err();
+    if (p.start(argv))
+        r = {p.wait(timeout_ms), p.out(), p.err()};
     return r;
 }
 
@@ -94,8 +44,18 @@ bool bg_proc::start(const std::vector<std::string> &argv)
 {
     out_path = tmp_file("", ".out");
     err_path = tmp_file("", ".err");
-    pid = spawn(argv, out_path, err_path);
-    return pid > 0;
+    pid = fork();
+    if (pid != 0)
+        return pid > 0;
+    dup2(open("/dev/null", O_RDONLY), 0);
+    dup2(open(out_path.c_str(), O_WRONLY | O_TRUNC), 1);
+    dup2(open(err_path.c_str(), O_WRONLY | O_TRUNC), 2);
+    std::vector<char *> args;
+    for (const std::string &a : argv)
+        args.push_back(const_cast<char *>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
 }
 
 void bg_proc::signal(int sig) const
@@ -106,11 +66,15 @@ void bg_proc::signal(int sig) const
 
 int bg_proc::wait(int timeout_ms)
 {
-    if (pid <= 0)
-        return -1;
-    const int s = wait_exit(pid, timeout_ms);
+    int status = 0;
+    pid_t r = 0;
+    const bool exited = pid > 0 && wait_for(timeout_ms, [&] { return (r = waitpid(pid, &status, WNOHANG)) != 0; });
+    if (pid > 0 && !exited) {
+        kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+    }
     pid = -1;
-    return s;
+    return exited && r > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::string bg_proc::out() const { return read_file(out_path); }
@@ -122,18 +86,6 @@ bg_proc::~bg_proc()
         kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
     }
-    if (!out_path.empty())
-        unlink(out_path.c_str());
-    if (!err_path.empty())
-        unlink(err_path.c_str());
-}
-
-bool wait_until(int timeout_ms, bool (*pred)(void *), void *arg)
-{
-    for (int waited = 0; waited < timeout_ms; waited += 10) {
-        if (pred(arg))
-            return true;
-        usleep(10000);
-    }
-    return pred(arg);
+    unlink(out_path.c_str());
+    unlink(err_path.c_str());
 }

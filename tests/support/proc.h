@@ -2,6 +2,7 @@
 #pragma once
 #include <string>
 #include <sys/types.h>
+#include <unistd.h>
 #include <vector>
 
 // Writes text into a new file under /tmp and returns its path.
@@ -39,10 +40,11 @@ struct bg_proc {
 
 // Reads a whole file ("" when missing).
 std::string read_file(const std::string &path);
-// Polls until pred() or timeout_ms; returns pred()'s last value.
-bool wait_until(int timeout_ms, bool (*pred)(void *), void *arg);
-// The same for any callable, e.g. a lambda that reads a process's output.
+// Polls every 10 ms until pred() or timeout_ms; returns pred()'s last value.
 template <class F> bool wait_for(int timeout_ms, F pred)
 {
-    return wait_until(timeout_ms, [](void *f) { return (*static_cast<F *>(f))(); }, &pred);
+    for (int waited = 0; waited < timeout_ms; waited += 10, usleep(10000))
+        if (pred())
+            return true;
+    return pred();
 }
