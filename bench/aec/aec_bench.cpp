@@ -7,6 +7,7 @@
 //                          the RT60 400 ms scenario (or, with --busy, of a
 //                          far end that never pauses, the costliest case)
 //                          for perf stat or callgrind; prints nothing.
+//   aec_bench --ours       our row alone (while tuning; figures need all rows).
 #include "aec_backends.h"
 #include "aec_signals.h"
 
@@ -301,12 +302,15 @@ int main(int argc, char **argv)
         b.destroy(h);
         return 0;
     }
-    const std::vector<aec_backend> backends = aec_backends();
+    std::vector<aec_backend> backends = aec_backends();
     static const aec_scenario rooms[2] = {aec_make_scenario(0.15, 1), aec_make_scenario(0.4, 1)};
     bool quality = true;
-    for (int i = 1; i < argc; i++)
+    for (int i = 1; i < argc; i++) {
         if (strcmp(argv[i], "--no-quality") == 0)
             quality = false;
+        if (strcmp(argv[i], "--ours") == 0) // our row alone, while tuning
+            backends.resize(1);
+    }
     if (quality)
         print_quality(backends, rooms, 2);
     bench_signal = &rooms[1];

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <initializer_list>
 
 void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *a_re, const float *a_im,
                         const float *b_re, const float *b_im, float *ya_re, float *ya_im, float *yb_re,
@@ -11,7 +12,7 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *
 {
     const int kp = p->kpad, np = p->npart;
     const float *xr_rows[EAEC_PART_MAX], *xi_rows[EAEC_PART_MAX];
-    for (int part = 0, slot = s->head; part < np; part++, slot = slot ? slot - 1 : np - 1) {
+    for (int part = 0, slot = eaec_slot(p, s, 0); part < np; part++, slot = slot ? slot - 1 : p->nring - 1) {
         xr_rows[part] = s->x_re + slot * kp;
         xi_rows[part] = s->x_im + slot * kp;
     }
@@ -46,7 +47,7 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
 {
     const int kp = p->kpad, np = p->npart;
     float total = 0.0f;
-    int slot = s->head;
+    int slot = eaec_slot(p, s, 0);
     for (int part = 0; part < np; part++) {
         float *wr = c->w_re + part * kp, *wi = c->w_im + part * kp;
         const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
@@ -64,7 +65,7 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
         v4_storeu(lanes, energy);
         c->part_norm[part] = std::sqrt((lanes[0] + lanes[1]) + (lanes[2] + lanes[3]));
         total += c->part_norm[part];
-        slot = slot ? slot - 1 : np - 1;
+        slot = slot ? slot - 1 : p->nring - 1;
     }
     return std::isfinite(total) ? 0 : -1;
 }
@@ -89,7 +90,7 @@ void afilt_weighted_norm(const eaec_params *p, const eaec_state *s, const eaec_c
     const int kp = p->kpad, np = p->npart;
     for (int k = 0; k < kp; k += 4)
         v4_store(norm + k, v4_dup(0.0f));
-    for (int part = 0, slot = s->head; part < np; part++, slot = slot ? slot - 1 : np - 1) {
+    for (int part = 0, slot = eaec_slot(p, s, 0); part < np; part++, slot = slot ? slot - 1 : p->nring - 1) {
         const float *xp = s->x_pow + slot * kp;
         const v4 g = v4_dup(c->part_gain[part]);
         for (int k = 0; k < p->kadapt; k += 4)
@@ -130,5 +131,28 @@ void afilt_scale(const eaec_params *p, float *w_re, float *w_im, float g) noexce
     for (int i = 0; i < n; i++) {
         w_re[i] *= g;
         w_im[i] *= g;
+    }
+}
+
+void afilt_shift(const eaec_params *p, float *w_re, float *w_im, int by) noexcept
+{
+    const int np = p->npart;
+    const size_t row = sizeof(float) * size_t(p->kpad);
+    for (float *w : {w_re, w_im}) {
+        if (by > 0) {
+            for (int part = 0; part < np; part++) {
+                if (part + by < np)
+                    std::memcpy(w + part * p->kpad, w + (part + by) * p->kpad, row);
+                else
+                    std::memset(w + part * p->kpad, 0, row);
+            }
+        } else if (by < 0) {
+            for (int part = np - 1; part >= 0; part--) {
+                if (part + by >= 0)
+                    std::memcpy(w + part * p->kpad, w + (part + by) * p->kpad, row);
+                else
+                    std::memset(w + part * p->kpad, 0, row);
+            }
+        }
     }
 }

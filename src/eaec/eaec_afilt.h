@@ -31,3 +31,7 @@ void afilt_weighted_norm(const eaec_params *p, const eaec_state *s, const eaec_c
 void afilt_constrain(const eaec_params *p, eaec_chan *c, float *taps, float *fft_work) noexcept;
 // [rt] Scales every partition of w by g (a reset with g = 0).
 void afilt_scale(const eaec_params *p, float *w_re, float *w_im, float g) noexcept;
+// [rt] Moves the filter `by` partitions towards the newest far end (its
+// window over the far-end ring moves back by as much): partition p takes
+// partition p + by, the ones left over are cleared.
+void afilt_shift(const eaec_params *p, float *w_re, float *w_im, int by) noexcept;

@@ -32,6 +32,11 @@ inline constexpr int EAEC_TAIL_MS = 200;  // echo tail covered after the bulk de
 inline constexpr int EAEC_ADAPT_HZ = 24000; // upper edge of the adaptive filter's band
 inline constexpr int EAEC_PART_MAX = 64;
 inline constexpr int EAEC_LAGS = 3; // frame lags tried by the coherence
+inline constexpr int EAEC_DELAY_MS = 520;  // bulk delay the delay estimator searches
+inline constexpr int EAEC_DELAY_LAGS_MAX = 64; // frame lags it tries, at most
+inline constexpr int EAEC_DELAY_BANDS = 32; // bands the delay estimator compares
+inline constexpr int EAEC_DELAY_MARGIN = 3; // partitions the filter keeps before the estimated delay
+inline constexpr int EAEC_RING_MAX = EAEC_PART_MAX + EAEC_DELAY_LAGS_MAX;
 
 struct eaec_params {
     int sfreq, nspk, nmic;
@@ -42,6 +47,9 @@ struct eaec_params {
     int kpad;         // K rounded up to 4: row length of every per-bin array
     int kadapt;       // bins the adaptive filter covers (a multiple of 4)
     int npart;        // P: filter partitions of N taps each
+    int nlag;         // frame lags the delay estimator tries
+    int nring;        // far-end spectra kept: P + nlag
+    int band_edge[EAEC_DELAY_BANDS + 1]; // bins of the delay estimator's bands
     int delay_frames; // sigdelay in frames
     float floor_echo; // power floor of the residual-echo gain, 10^(aec/10)
     float floor_noise;// power floor of the noise gain, 10^(nc/10)
@@ -67,6 +75,7 @@ struct eaec_chan {
     alignas(16) float m_e[EAEC_KPAD_MAX], m_y[EAEC_KPAD_MAX];   // slow means for the leak
     alignas(16) float r_ey[EAEC_KPAD_MAX], r_yy[EAEC_KPAD_MAX]; // leak regression
     alignas(16) float noise[EAEC_KPAD_MAX];        // noise power estimate
+    alignas(16) float leak_bin[EAEC_KPAD_MAX];     // leak per bin (by bands)
     alignas(16) float sxx[EAEC_LAGS][EAEC_KPAD_MAX];    // far-end power, per lag in frames
     alignas(16) float sxe_re[EAEC_LAGS][EAEC_KPAD_MAX]; // far-end/error cross spectrum
     alignas(16) float sxe_im[EAEC_LAGS][EAEC_KPAD_MAX];
@@ -75,14 +84,34 @@ struct eaec_chan {
     float leak;                        // residual echo / echo estimate power
     int leak_valid;
     int part_next;                     // next partition to constrain
+    int was_locked;                    // the foreground has cancelled well since the last change
+    int harm_frames;                   // far-active frames both filters did harm in a row
+    int far_hold;                      // frames the far end still counts as talking
     uint32_t rng;                      // comfort noise
+};
+
+// Bulk-delay estimator: the changes of the band log energies of the far
+// end and of the microphone, correlated at every frame lag; the lag with
+// the highest smoothed coefficient, held for a while, moves the filter's
+// window over the far-end ring.
+struct eaec_delay {
+    int delay;         // frames the filter's first partition lies behind the newest far end
+    int lag;           // the estimate in force, -1 before the first
+    int cand, cand_frames; // a lag that has been best for cand_frames frames
+    int updates;
+    float prev_far[EAEC_DELAY_BANDS], prev_mic[EAEC_DELAY_BANDS]; // last frame's band log energies
+    float score[EAEC_DELAY_LAGS_MAX];                    // smoothed coefficient per lag
+    float far_feat[EAEC_RING_MAX][EAEC_DELAY_BANDS];     // per ring slot: the far end's changes
+    float far_norm[EAEC_RING_MAX];                       // ... their sum of squares, 0 when inactive
 };
 
 struct eaec_state {
     uint32_t frames;
     int head;                         // ring slot of the newest far-end spectrum
-    float *x_re, *x_im, *x_pow;       // P rows of kpad: far-end spectra and powers
+    float *x_re, *x_im, *x_pow;       // nring rows of kpad: far-end spectra and powers
+    eaec_delay dl;
     float x_hist[EAEC_FFT_MAX];       // last M far-end samples
+    float x_energy[EAEC_RING_MAX];    // far-end energy of each ring slot's frame
     eaec_chan *chan[EAEC_CHAN_MAX];
 };
 
@@ -96,6 +125,23 @@ int eaec_alloc_state(const eaec_params *p, eaec_state *s);
 void eaec_free_state(const eaec_params *p, eaec_state *s);
 // [sup] Sets a freshly allocated state to its starting values.
 void eaec_reset_state(const eaec_params *p, eaec_state *s);
+
+// Ring slot of filter partition `part` (0 = the newest the filter uses).
+inline int eaec_slot(const eaec_params *p, const eaec_state *s, int part) noexcept
+{
+    const int i = s->head - s->dl.delay - part;
+    return i >= 0 ? i : i + p->nring;
+}
+
+// [sup] Band edges and starting values of the delay estimator.
+void delay_derive(eaec_params *p);
+void delay_reset(eaec_delay *d);
+// [rt] The far end's newest spectrum power (slot head) into its bits.
+void delay_far(const eaec_params *p, eaec_state *s, const float *x_pow, int far_active) noexcept;
+// [rt] One frame of the microphone's analysis spectrum power (kpad bins);
+// returns the filter delay in frames the estimate now asks for. While the
+// filter is `locked` (cancelling well) the estimate in force stays.
+int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far_active, int locked) noexcept;
 
 // Library platform layer: aligned, zero-filled allocation and its release
 // (with the frame processor, so the interface layer above only calls down).

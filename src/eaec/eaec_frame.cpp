@@ -17,7 +17,11 @@ constexpr float PCM_OUT = 32768.0f;
 constexpr float TWO_PATH_RATE = 0.3f;   // error energy smoothing per frame
 constexpr float TWO_PATH_BETTER = 0.7f; // background 1.5 dB better: copy it
 constexpr float TWO_PATH_WORSE = 8.0f;  // background 9 dB worse: reset it
+constexpr float TWO_PATH_HARM = 1.2f;   // both 1.8 dB above the microphone ...
+constexpr int TWO_PATH_HARM_FRAMES = 5; // ... for this many far-active frames: reset both
+constexpr float LOCKED = 10.0f;         // the foreground takes 10 dB off the microphone
 constexpr int CONSTRAIN_PER_FRAME = 1;  // partitions cut back to N taps per frame
+constexpr int FAR_HANGOVER = 30;       // frames the far end counts as talking after it stops
 constexpr float PROPORTIONATE_SHARE = 0.5f; // of the step, by partition norm
 
 // The process-wide scratch area: one frame at a time borrows it (the
@@ -172,6 +176,8 @@ void chan_reset(const eaec_params *p, eaec_chan *c, int index)
     for (int k = 0; k < EAEC_KPAD_MAX; k++)
         c->h_re[k] = 1.0f; // the output filter starts as identity
     c->leak = 1.0f;
+    for (int k = 0; k < EAEC_KPAD_MAX; k++)
+        c->leak_bin[k] = 1.0f;
     c->rng = 0x2545F491u + uint32_t(index) * 0x9E3779B9u;
     for (int k = 0; k < EAEC_KPAD_MAX; k++)
         c->noise[k] = 1.0f; // falls to the first frames' level at once
@@ -218,8 +224,10 @@ void output_stage(const eaec_params *p, eaec_chan *c, const float *e, const floa
     std::memcpy(c->h_im, f.h_im, sizeof(float) * size_t(p->kpad));
 }
 
-void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const short *mic, INT_PCM *out,
-                     int far_active, const frame_scratch &f) noexcept
+// Returns the filter delay the delay estimator asks for (channel 0 only,
+// else the one in force).
+int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const short *mic, INT_PCM *out,
+                    int far_active, int ch, const frame_scratch &f) noexcept
 {
     const int n = p->hop, m = p->nfft, nb = p->nbin;
     // Two echo estimates (overlap-save: the last N samples): the background
@@ -243,6 +251,10 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
         en_f += e[i] * e[i];
     }
     if (far_active) {
+        if (!(c->err_fg > TWO_PATH_HARM * c->err_mic))
+            c->harm_frames = 0;
+        if (c->err_fg * LOCKED < c->err_mic)
+            c->was_locked = 1;
         c->err_bg += TWO_PATH_RATE * (en_b - c->err_bg);
         c->err_fg += TWO_PATH_RATE * (en_f - c->err_fg);
         c->err_mic += TWO_PATH_RATE * (en_d - c->err_mic);
@@ -253,6 +265,17 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
                 yhat[i] += e[i] - eb[i];
                 e[i] = eb[i];
             }
+        } else if (c->was_locked && c->err_fg > TWO_PATH_HARM * c->err_mic &&
+                   c->err_bg > TWO_PATH_HARM * c->err_mic && ++c->harm_frames >= TWO_PATH_HARM_FRAMES) {
+            // Both add echo rather than take it away: the echo path has
+            // changed beyond what they know. The background starts again
+            // from nothing, which is nearer than a filter for the old path;
+            // the foreground keeps going until the background beats it
+            // (so a burst of garbage does not cost the foreground).
+            afilt_scale(p, c->w_re, c->w_im, 0.0f);
+            c->err_bg = c->err_fg; // copied once its own error is clearly lower
+            c->harm_frames = 0;
+            c->was_locked = 0;
         } else if (c->err_bg > TWO_PATH_WORSE * c->err_fg) {
             // Double talk pulled the background away: restart it from the
             // foreground.
@@ -264,6 +287,15 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
     analyse(p, c->e_hist + (m - 2 * n), e, f.t2, f.es_re, f.es_im, f.work);
     analyse(p, c->y_hist, yhat, f.t2, f.ys_re, f.ys_im, f.work);
     std::memcpy(c->y_hist, yhat, sizeof(float) * size_t(n));
+    int delay = s->dl.delay;
+    if (ch == 0) {
+        // The microphone's spectrum is the sum of the two analysed ones.
+        for (int k = 0; k < p->kpad; k++) {
+            const float re = f.es_re[k] + f.ys_re[k], im = f.es_im[k] + f.ys_im[k];
+            f.pe[k] = re * re + im * im;
+        }
+        delay = delay_mic(p, s, f.pe, far_active, c->err_fg * LOCKED < c->err_mic);
+    }
 
     // Digital silence (below one 16-bit step) leaves the noise estimate alone.
     const int mic_silent = en_d < float(n) * 1e-10f;
@@ -305,8 +337,10 @@ void process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sh
             afilt_constrain(p, c, f.t2, f.work);
     }
 
-    supp_gain(p, c, f.mu, f.pe);
+    c->far_hold = far_active ? FAR_HANGOVER : std::max(0, c->far_hold - 1);
+    supp_gain(p, c, f.mu, f.pe, c->far_hold > 0);
     output_stage(p, c, e, f.mu, f.pe, out, f);
+    return delay;
 }
 } // namespace
 
@@ -345,6 +379,7 @@ void eaec_derive(eaec_params *p, const EAEC_CONFIG *cfg, int hop, int nfft)
     p->delay_frames = std::max(0, (cfg->sfreq * cfg->sigdelay / hop) / 1000);
     const int tail = (cfg->sfreq / 1000 * EAEC_TAIL_MS + hop - 1) / hop;
     p->npart = std::min(EAEC_PART_MAX, p->delay_frames + tail);
+    delay_derive(p);
     p->floor_echo = float(std::pow(10.0, cfg->aec / 10.0));
     p->floor_noise = float(std::pow(10.0, cfg->nc / 10.0));
     // White far-end at -90 dBFS in every partition: below it the
@@ -362,10 +397,10 @@ void eaec_derive(eaec_params *p, const EAEC_CONFIG *cfg, int hop, int nfft)
 
 int eaec_alloc_state(const eaec_params *p, eaec_state *s)
 {
-    const size_t row = sizeof(float) * size_t(p->npart * p->kpad);
-    s->x_re = static_cast<float *>(eaec_calloc(row));
-    s->x_im = static_cast<float *>(eaec_calloc(row));
-    s->x_pow = static_cast<float *>(eaec_calloc(row));
+    const size_t ring = sizeof(float) * size_t(p->nring * p->kpad), row = sizeof(float) * size_t(p->npart * p->kpad);
+    s->x_re = static_cast<float *>(eaec_calloc(ring));
+    s->x_im = static_cast<float *>(eaec_calloc(ring));
+    s->x_pow = static_cast<float *>(eaec_calloc(ring));
     if (!s->x_re || !s->x_im || !s->x_pow)
         return -1;
     for (int i = 0; i < p->nmic; i++) {
@@ -406,10 +441,12 @@ void eaec_reset_state(const eaec_params *p, eaec_state *s)
     s->frames = 0;
     s->head = 0;
     std::memset(s->x_hist, 0, sizeof s->x_hist);
-    const size_t row = sizeof(float) * size_t(p->npart * p->kpad);
-    std::memset(s->x_re, 0, row);
-    std::memset(s->x_im, 0, row);
-    std::memset(s->x_pow, 0, row);
+    const size_t ring = sizeof(float) * size_t(p->nring * p->kpad);
+    std::memset(s->x_re, 0, ring);
+    std::memset(s->x_im, 0, ring);
+    std::memset(s->x_pow, 0, ring);
+    std::memset(s->x_energy, 0, sizeof s->x_energy);
+    delay_reset(&s->dl);
     for (int i = 0; i < p->nmic; i++)
         chan_reset(p, s->chan[i], i);
 }
@@ -435,16 +472,38 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
         xn[i] = v * PCM_IN;
         energy += xn[i] * xn[i];
     }
-    const int far_active = energy > p->far_active;
-
-    s->head = s->head + 1 < p->npart ? s->head + 1 : 0;
+    s->head = s->head + 1 < p->nring ? s->head + 1 : 0;
+    s->x_energy[s->head] = energy;
+    // The far end counts as active when it was in the newest frame the
+    // filter sees, not when it is now: with a long bulk delay its echo
+    // arrives much later. Once the delay estimate has moved the window,
+    // the echo's direct path lies a few partitions in: the frames up to
+    // there count.
+    int far_active = 0;
+    for (int part = 0; part <= (s->dl.delay > 0 ? EAEC_DELAY_MARGIN : 0); part++)
+        far_active |= s->x_energy[eaec_slot(p, s, part)] > p->far_active;
     float *xr = s->x_re + s->head * kp, *xi = s->x_im + s->head * kp, *xp = s->x_pow + s->head * kp;
     eaec_rfft(&p->fft, s->x_hist, xr, xi, f.work);
     for (int k = 0; k < nb; k++)
         xp[k] = xr[k] * xr[k] + xi[k] * xi[k];
+    delay_far(p, s, xp, energy > p->far_active);
 
-
-    for (int ch = 0; ch < p->nmic; ch++)
-        process_channel(p, s, s->chan[ch], mic + ch * n, out + ch * n, far_active, f);
+    int delay = s->dl.delay;
+    for (int ch = 0; ch < p->nmic; ch++) {
+        const int d = process_channel(p, s, s->chan[ch], mic + ch * n, out + ch * n, far_active, ch, f);
+        if (ch == 0)
+            delay = d;
+    }
+    if (delay != s->dl.delay) {
+        // The filters keep what they learnt where the old and the new
+        // window over the far end overlap.
+        for (int ch = 0; ch < p->nmic; ch++) {
+            eaec_chan *c = s->chan[ch];
+            afilt_shift(p, c->w_re, c->w_im, delay - s->dl.delay);
+            afilt_shift(p, c->f_re, c->f_im, delay - s->dl.delay);
+            c->was_locked = 0;
+        }
+        s->dl.delay = delay;
+    }
     s->frames++;
 }

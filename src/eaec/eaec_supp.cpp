@@ -10,9 +10,11 @@ constexpr float TINY = 1e-20f;
 constexpr float POW_SMOOTH = 0.5f;    // |E|^2, |Y|^2 smoothing per frame
 constexpr float MEAN_RATE = 0.05f;    // slow means of the leak regression
 constexpr float LEAK_RATE = 0.10f;    // regression update, scaled down in double talk
+constexpr int LEAK_BAND = 16;        // bins per band of the leak regression
 constexpr float LEAK_MIN = 1e-4f, LEAK_MAX = 16.0f;
 constexpr float NOISE_RISE = 1.0046f; // +2 dB/s at 100 frames/s
 constexpr float NOISE_FALL = 0.5f;    // towards a new minimum
+constexpr float NOISE_BIAS = 2.0f;   // the minimum lies below the mean noise power
 constexpr float DD_MEMORY = 0.96f;    // decision-directed a priori SNR
 // The leak share of the error is a cautious estimate of the misadjustment
 // (it is a regression over all bins): scaled up, it still falls by orders
@@ -26,8 +28,9 @@ constexpr float COH_STEP_GAIN = 4.0f;
 constexpr float COH_RATE = 0.1f;      // cross-spectrum smoothing per frame
 // Both residual-echo estimates run low (regression and coherence biases);
 // weighted up, they leave double-talk loss under 2 dB on the benchmark.
-constexpr float LEAK_WEIGHT = 4.0f;
+constexpr float LEAK_WEIGHT = 32.0f;
 constexpr float COH_WEIGHT = 4.0f;
+constexpr float FAR_NOISE_SCALE = 1.0f;
 constexpr float ECHO_OVER_NOISE = 1.0f; // residual echo the floor lets through, re the noise
 } // namespace
 
@@ -46,7 +49,7 @@ static void coherence(const eaec_params *p, const eaec_state *s, eaec_chan *c, c
     float best = -1.0f;
     int best_lag = 0;
     for (int lag = 0; lag < EAEC_LAGS; lag++) {
-        const int slot = (s->head - lag + p->npart) % p->npart;
+        const int slot = eaec_slot(p, s, lag);
         const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
         float *sxx = c->sxx[lag], *cr = c->sxe_re[lag], *ci = c->sxe_im[lag];
         v4 score = v4_dup(0.0f);
@@ -117,6 +120,19 @@ supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c,
         if (sum_yy > TINY) {
             c->leak = std::clamp(sum_ey / sum_yy, LEAK_MIN, LEAK_MAX);
             c->leak_valid = 1;
+            // The same regression band by band: the filter's misadjustment
+            // differs across the spectrum (larger where the far end is weak).
+            for (int k0 = 0; k0 < kp; k0 += LEAK_BAND) {
+                const int k1 = std::min(kp, k0 + LEAK_BAND);
+                float bey = 0.0f, byy = 0.0f;
+                for (int k = k0; k < k1; k++) {
+                    bey += c->r_ey[k];
+                    byy += c->r_yy[k];
+                }
+                const float l = byy > 1e-3f * sum_yy / float(kp) ? std::clamp(bey / byy, LEAK_MIN, LEAK_MAX) : c->leak;
+                for (int k = k0; k < k1; k++)
+                    c->leak_bin[k] = l;
+            }
         }
     }
     coherence(p, s, c, e_re, e_im, far_active);
@@ -146,15 +162,21 @@ void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept
     }
 }
 
-void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe) noexcept
+void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe, int far_near) noexcept
 {
     const int kp = p->kpad, nb = p->nbin;
-    const v4 fe = v4_dup(p->floor_echo), fn = v4_dup(p->floor_noise), tiny = v4_dup(TINY), one = v4_dup(1.0f);
-    const v4 zero = v4_dup(0.0f), lw = v4_dup(LEAK_WEIGHT * c->leak), cw = v4_dup(COH_WEIGHT);
+    // While the far end talks (and a little after), everything left of
+    // the microphone is held down by both floors: the far-end talker hears
+    // neither their echo nor our background under their own voice.
+    const float lower = far_near ? p->floor_echo * FAR_NOISE_SCALE : 1.0f;
+    const v4 fe = v4_dup(p->floor_echo * lower), fn = v4_dup(p->floor_noise * lower), tiny = v4_dup(TINY), one = v4_dup(1.0f);
+    const v4 zero = v4_dup(0.0f), lw = v4_dup(LEAK_WEIGHT), cw = v4_dup(COH_WEIGHT);
     const v4 dd = v4_dup(DD_MEMORY), dd1 = v4_dup(1.0f - DD_MEMORY), deep = v4_dup(ECHO_OVER_NOISE);
+    const v4 nbias = v4_dup(NOISE_BIAS);
     for (int k = 0; k < kp; k += 4) {
-        const v4 s_ee = v4_load(c->s_ee + k), noise = v4_load(c->noise + k);
-        const v4 echo = v4_min(v4_max(v4_mul(lw, v4_load(c->s_yy + k)), v4_mul(cw, v4_load(c->coh_echo + k))), s_ee);
+        const v4 s_ee = v4_load(c->s_ee + k), noise = v4_mul(nbias, v4_load(c->noise + k));
+        const v4 echo = v4_min(v4_max(v4_mul(v4_mul(lw, v4_load(c->leak_bin + k)), v4_load(c->s_yy + k)),
+                                      v4_mul(cw, v4_load(c->coh_echo + k))), s_ee);
         const v4 interf = v4_add(v4_add(echo, noise), tiny);
         const v4 post = v4_div(v4_load(pe + k), interf);
         const v4 prio = v4_add(v4_mul(dd, v4_load(c->snr_prev + k)), v4_mul(dd1, v4_max(v4_sub(post, one), zero)));

@@ -36,4 +36,5 @@ void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept;
 // [rt] The suppression gain (amplitude) per bin into gain; pe is used up
 // (it holds the comfort noise power afterwards, in analysis units). Every
 // per-bin array is kpad long and 16-byte aligned.
-void supp_gain(const eaec_params *p, eaec_chan *c, float *gain, float *pe) noexcept;
+// far_near: the far end is talking or was a moment ago.
+void supp_gain(const eaec_params *p, eaec_chan *c, float *gain, float *pe, int far_near) noexcept;

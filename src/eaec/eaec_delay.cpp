@@ -1,0 +1,98 @@
+// Bulk-delay estimator of the echo canceller (see eaec_delay in
+// eaec_core.h). Per band, the change of the log energy since the last frame
+// (its onsets and decays) of the microphone is correlated with the far
+// end's at every frame lag; the correlation coefficient of each frame is
+// smoothed over frames. The echo rises and falls with the far end that made
+// it, whatever its level, colour and the room's reverberation.
+#include "eaec/eaec_core.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace {
+constexpr float BAND_LO_HZ = 250.0f, BAND_HZ = 125.0f; // 250 Hz .. 4.25 kHz
+constexpr float FLOOR = 1e-9f;        // band energy floor (about -90 dBFS per bin)
+constexpr float STEP_MAX = 3.0f;      // largest change counted, natural log (13 dB)
+constexpr float SCORE_RATE = 0.1f;   // smoothing of the coefficients per frame
+constexpr int WARM_UP = 30;           // compared frames before the first estimate
+constexpr float DISTINCT = 0.08f;     // a lag's smoothed coefficient must reach this
+constexpr float HYSTERESIS = 0.05f;   // and beat the estimate in force by this
+constexpr int HOLD_FIRST = 10, HOLD = 25; // frames a candidate must stay best
+
+// Log-energy changes of the bands into f; returns their sum of squares.
+float features(const eaec_params *p, const float *pw, float *prev, float *f) noexcept
+{
+    float norm = 0.0f;
+    for (int band = 0; band < EAEC_DELAY_BANDS; band++) {
+        float e = FLOOR;
+        for (int k = p->band_edge[band]; k < p->band_edge[band + 1]; k++)
+            e += pw[k];
+        const float l = std::log(e);
+        f[band] = std::clamp(l - prev[band], -STEP_MAX, STEP_MAX);
+        prev[band] = l;
+        norm += f[band] * f[band];
+    }
+    return norm;
+}
+} // namespace
+
+void delay_derive(eaec_params *p)
+{
+    p->nlag = std::min(EAEC_DELAY_LAGS_MAX, p->sfreq * EAEC_DELAY_MS / 1000 / p->hop + 1);
+    p->nring = p->npart + p->nlag;
+    const float bin_hz = float(p->sfreq) / float(p->nfft);
+    for (int b = 0; b <= EAEC_DELAY_BANDS; b++)
+        p->band_edge[b] = std::min(p->nbin, int((BAND_LO_HZ + BAND_HZ * float(b)) / bin_hz + 0.5f));
+}
+
+void delay_reset(eaec_delay *d)
+{
+    *d = eaec_delay{};
+    d->lag = -1;
+    d->cand = -1;
+    std::fill(d->prev_far, d->prev_far + EAEC_DELAY_BANDS, std::log(FLOOR));
+    std::fill(d->prev_mic, d->prev_mic + EAEC_DELAY_BANDS, std::log(FLOOR));
+}
+
+void delay_far(const eaec_params *p, eaec_state *s, const float *x_pow, int far_active) noexcept
+{
+    eaec_delay *d = &s->dl;
+    d->far_norm[s->head] = far_active ? features(p, x_pow, d->prev_far, d->far_feat[s->head]) : 0.0f;
+    if (!far_active) // the next active frame starts from here
+        features(p, x_pow, d->prev_far, d->far_feat[s->head]);
+}
+
+int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far_active, int locked) noexcept
+{
+    eaec_delay *d = &s->dl;
+    float fm[EAEC_DELAY_BANDS];
+    const float nm = features(p, mic_pow, d->prev_mic, fm);
+    if (!far_active || !(nm > 0.0f))
+        return d->delay;
+    for (int lag = 0, slot = s->head; lag < p->nlag; lag++, slot = slot ? slot - 1 : p->nring - 1) {
+        if (!(d->far_norm[slot] > 0.0f))
+            continue;
+        const float *ff = d->far_feat[slot];
+        float c = 0.0f;
+        for (int band = 0; band < EAEC_DELAY_BANDS; band++)
+            c += fm[band] * ff[band];
+        d->score[lag] += SCORE_RATE * (c / std::sqrt(nm * d->far_norm[slot]) - d->score[lag]);
+    }
+    if (++d->updates < WARM_UP)
+        return d->delay;
+    const int best = int(std::max_element(d->score, d->score + p->nlag) - d->score);
+    if (best == d->lag || d->score[best] < DISTINCT ||
+        (d->lag >= 0 && (locked || d->score[best] < d->score[d->lag] + HYSTERESIS))) {
+        d->cand_frames = 0;
+        return d->delay;
+    }
+    if (best != d->cand) {
+        d->cand = best;
+        d->cand_frames = 0;
+    }
+    if (++d->cand_frames < (d->lag < 0 ? HOLD_FIRST : HOLD))
+        return d->delay;
+    d->lag = best;
+    d->cand_frames = 0;
+    return std::max(0, best - EAEC_DELAY_MARGIN);
+}
