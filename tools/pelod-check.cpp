@@ -438,12 +438,14 @@ const pelocfg_observer observer{on_piece, on_tag, on_warn, on_done};
 
 void free_lists()
 {
-    for (dlist *l : {&xpts, &xpts_del, &xpts_new})
-        while (!dlist_empty(l)) {
-            xpt *n = dlist_entry(l->next, xpt, link);
-            dlist_del(&n->link);
-            delete n;
+    // each node's successor read before it is freed; the heads emptied last
+    for (dlist *l : {&xpts, &xpts_del, &xpts_new}) {
+        for (dlist *e = l->next, *next; e != l; e = next) {
+            next = e->next;
+            delete dlist_entry(e, xpt, link);
         }
+        dlist_init(l);
+    }
 }
 
 // Reads fname through the loader. Returns false when it cannot be read.

@@ -10,6 +10,7 @@
 #include "daemon/pelod.h"
 #include "routing/xpt.h"
 #include "rtp/rtp_recv.h"
+#include "addr_port.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -124,31 +125,6 @@ bool parse_ipv4(const char *s, in_addr_t *a)
     return true;
 }
 
-// Dotted address or channel number, with an optional ":port".
-bool parse_target(const char *arg, options *o)
-{
-    char host[64];
-    snprintf(host, sizeof host, "%s", arg);
-    if (char *colon = strchr(host, ':')) {
-        *colon = '\0';
-        char *end = nullptr;
-        const long port = strtol(colon + 1, &end, 0);
-        if (*end || port <= 0 || port > 65535)
-            return false;
-        o->port = uint16_t(port);
-    }
-    if (parse_ipv4(host, &o->addr))
-        return true;
-    char *end = nullptr;
-    const long ch = strtol(host, &end, 10);
-    if (*end || ch == 0 || host[0] == '\0')
-        return false;
-    const unsigned long n = ch < 0 ? 0UL - unsigned(ch) : unsigned(ch);
-    const uint32_t g = (239u << 24) | ((ch < 0 ? 193u : 192u) << 16) | ((n >> 8) & 255u) << 8 | (n & 255u);
-    o->addr = htonl(g);
-    return true;
-}
-
 bool parse_format(const char *s, options *o)
 {
     char name[16] = "";
@@ -202,7 +178,7 @@ int parse_options(int argc, char **argv, options *o)
             return 1;
         }
     }
-    if (optind != argc - 1 || !parse_target(argv[optind], o)) {
+    if (optind != argc - 1 || !parse_addr_port(argv[optind], &o->addr, &o->port, true)) {
         fprintf(stderr, "pelod-listen: one ADDRESS[:PORT] expected (see --help)\n");
         return 1;
     }

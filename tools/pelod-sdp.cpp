@@ -6,6 +6,7 @@
 // described is what the daemon sends.
 #include "config/pelocfg.h"
 #include "rtp/rtp_src.h"
+#include "addr_port.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -71,25 +72,6 @@ void usage(const char *prog)
            prog);
 }
 
-bool parse_addr_port(const char *arg, in_addr_t *a, uint16_t *port)
-{
-    char host[64];
-    snprintf(host, sizeof host, "%s", arg);
-    if (char *colon = strchr(host, ':')) {
-        *colon = '\0';
-        char *end = nullptr;
-        const long p = strtol(colon + 1, &end, 10);
-        if (*end || p <= 0 || p > 65535)
-            return false;
-        *port = uint16_t(p);
-    }
-    in_addr x{};
-    if (inet_pton(AF_INET, host, &x) != 1)
-        return false;
-    *a = x.s_addr;
-    return true;
-}
-
 int parse_options(int argc, char **argv, options *o)
 {
     static const option longopts[] = {
@@ -109,8 +91,8 @@ int parse_options(int argc, char **argv, options *o)
         case 'p': o->phc = strcmp(optarg, "-") == 0 ? nullptr : optarg; break;
         case 'g': o->gmid = optarg; break;
         case 'a': o->announce = true; break;
-        case 'A': ok = parse_addr_port(optarg, &o->sap_addr, &o->sap_port); break;
-        case 'i': ok = parse_addr_port(optarg, &o->sap_if, &unused); break;
+        case 'A': ok = parse_addr_port(optarg, &o->sap_addr, &o->sap_port, false); break;
+        case 'i': ok = parse_addr_port(optarg, &o->sap_if, &unused, false); break;
         case 'I': o->interval_s = atof(optarg); ok = o->interval_s > 0; break;
         case 'n': o->count = atol(optarg); ok = o->count > 0; break;
         case 'h': usage(argv[0]); return 0;
@@ -270,7 +252,7 @@ bool selected(const stream &s, const char *only)
         return n == s.number;
     in_addr_t a = 0;
     uint16_t port = 0;
-    if (!parse_addr_port(only, &a, &port))
+    if (!parse_addr_port(only, &a, &port, false))
         return false;
     const sockaddr_in &d = s.p->ep.sa_dst;
     return d.sin_addr.s_addr == a && (port == 0 || ntohs(d.sin_port) == port);

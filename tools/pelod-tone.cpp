@@ -3,6 +3,8 @@
 // by the media clock that the daemon uses, with RTP timestamps taken from
 // that clock. For commissioning, and the peer of the integration tests.
 
+#include "addr_port.h"
+
 #include <arpa/inet.h>
 #include <algorithm>
 #include <cerrno>
@@ -110,38 +112,6 @@ void usage(const char *prog)
     exit(1);
 }
 
-// The address forms of the configuration: dotted address with an optional
-// port, or a channel number of the audio network.
-bool parse_dest(const char *s, in_addr_t *addr, uint16_t *port)
-{
-    char *end;
-    const long n = strtol(s, &end, 10);
-    if (end != s && *end == '\0') {
-        const unsigned long c = labs(n);
-        if (n == 0 || c > 65535)
-            return false;
-        const unsigned ip = (239u << 24) | ((n < 0 ? 193u : 192u) << 16) | unsigned(c);
-        *addr = htonl(ip);
-        return true;
-    }
-    char host[64];
-    const char *colon = strchr(s, ':');
-    const size_t hl = colon ? size_t(colon - s) : strlen(s);
-    if (hl >= sizeof host)
-        return false;
-    memcpy(host, s, hl);
-    host[hl] = '\0';
-    if (inet_pton(AF_INET, host, addr) != 1)
-        return false;
-    if (colon) {
-        const unsigned long p = strtoul(colon + 1, &end, 0);
-        if (end == colon + 1 || *end || p == 0 || p > 65535)
-            return false;
-        *port = uint16_t(p);
-    }
-    return true;
-}
-
 long parse_long(const char *s, const char *what, long lo, long hi)
 {
     char *end;
@@ -230,7 +200,7 @@ tone_opts parse_args(int argc, char **argv)
     }
     if (optind != argc - 1)
         fail("one DESTINATION expected");
-    if (!parse_dest(argv[optind], &o.dst, &o.port))
+    if (!parse_addr_port(argv[optind], &o.dst, &o.port, true))
         fail("bad destination '%s'", argv[optind]);
     if (o.ptime_ms == 0)
         o.ptime_ms = o.fmt == tone_fmt::opus ? 10 : 1;

@@ -53,6 +53,7 @@ int pelod_parse_options(int argc, char **argv, pelod_cmdline *cl)
         const int c = getopt_long(argc, argv, "Df:P:p:C:dhJ", cmdl_options, &idx);
         if (c == -1)
             return 0;
+        const char *arg = optarg ? optarg : ""; // options that require a value always have one
         switch (c) {
         case 'D':
             daemonize = 1;
@@ -61,10 +62,10 @@ int pelod_parse_options(int argc, char **argv, pelod_cmdline *cl)
             pelod_conf_file = optarg;
             break;
         case 'p':
-            cl->phc_dev = optarg[0] == '-' ? nullptr : optarg;
+            cl->phc_dev = arg[0] == '-' ? nullptr : arg;
             break;
         case 'C':
-            cl->cpu = int(strtol(optarg, nullptr, 10));
+            cl->cpu = int(strtol(arg, nullptr, 10));
             break;
         case 'J':
             // "-J" carries no value (only --sysjitter=X does): keep the default
@@ -77,7 +78,7 @@ int pelod_parse_options(int argc, char **argv, pelod_cmdline *cl)
         case 0:
         case 'h':
             if (strcmp(cmdl_options[idx].name, "vox-notify-port") == 0) {
-                vox_notify_port = uint16_t(strtol(optarg, nullptr, 10));
+                vox_notify_port = uint16_t(strtol(arg, nullptr, 10));
                 break;
             }
             printf("%s unrecognized option: %s\n\n", argv[0], cmdl_options[idx].name);

@@ -11,6 +11,7 @@
 #pragma once
 #include "daemon/dlist.h"
 #include "daemon/limcom_model.h"
+#include "daemon/shared.h"
 
 #include <cstdint>
 #include <netinet/in.h>
@@ -78,7 +79,7 @@ struct rtp_ep {
     dlist rtp_sk_ep_list; // sup; link in one bucket of sk, stored last
     rtp_dst *dst;         // sup, before the link; receiving flow, null for an outgoing stream
     // rt (receive path; zeroed by the cycle on a counter reset)
-    int64_t rx_reset, rx_count, rx_drop, rx_dupl, rx_good, rx_seqe, rx_srst, rx_late;
+    rt_counter rx_reset, rx_count, rx_drop, rx_dupl, rx_good, rx_seqe, rx_srst, rx_late;
     uint32_t synt;        // rt; sender timestamp - local media time
     int32_t run;          // rt; timing lock valid
     uint32_t buf_full_ts; // rt
@@ -88,7 +89,7 @@ struct rtp_ep {
     int32_t ptime_samples; // rt
     uint32_t ahead_wake;  // rt; wake-up that last found the stream ahead
     int32_t ahead;        // rt; 1 while that finding waits for a second one
-    int64_t tx_pkts, tx_err; // rt (send path)
+    rt_counter tx_pkts, tx_err; // rt (send path)
 };
 
 // One multicast membership of a socket (sup only; the cycle never reads it).
@@ -193,7 +194,7 @@ struct rtp_src {
     uint8_t rtp_pt;        // sup, init; 255: 101 mono, 96 otherwise
     uint16_t rtp_seq;      // rt; of the next packet
     int rtp_ptime_samples; // sup, init
-    int64_t tx_backoff;    // rt; finished packets held back by the back-off
+    rt_counter tx_backoff; // rt; finished packets held back by the back-off
     int nchn;              // sup, init; 1, 2 or 3 (third channel: silence in PCM, absent in Opus)
     float gainv[2];        // sup (refreshed on reload, one word each); linear
     rtp_fmt fmt;           // sup, init; payload_format 1: Opus, anything else: L24

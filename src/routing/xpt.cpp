@@ -129,6 +129,24 @@ void dst_flow_stop(rtp_dst *dst)
         opus_decoder_destroy(dec); // the handle is cleared when the flow is reused
 }
 
+// A new destination for an endpoint that keeps its socket. The cycle
+// finds the endpoint in the bucket of its destination address and compares
+// that address: unlink, let the cycle pass a boundary, write, link into the
+// new address's bucket (the link is the last store).
+static void dst_set_destination(rtp_ep *ep, const sockaddr_in &to)
+{
+    if (memcmp(&ep->sa_dst, &to, sizeof to) == 0)
+        return;
+    rtp_sk *sk = ep->sk;
+    if (sk) {
+        dlist_del(&ep->rtp_sk_ep_list);
+        grace_wait();
+    }
+    ep->sa_dst = to;
+    if (sk)
+        dlist_add_head(rtp_sk_ep_list(sk, to.sin_addr.s_addr), &ep->rtp_sk_ep_list);
+}
+
 int pelod_xpt_add(const pelod_xpt *x)
 {
     if (x->mix[0] == '\0') {
@@ -148,14 +166,15 @@ int pelod_xpt_add(const pelod_xpt *x)
     if (dst) {
         // a sound-card flow keeps its marker; it has no network endpoint
         if (dst->ep.sa_dst.sin_family != alsa_src_family) {
-            dst->ep.sa_dst = x->ep.sa_dst;
             if (memcmp(&dst->ep.sa_bind, &x->ep.sa_bind, sizeof dst->ep.sa_bind) != 0) {
                 if (debug)
                     debug_print_flow('-', dst);
                 rtp_ep_close(&dst->ep);
-                rtp_ep_open(&dst->ep, &x->ep, dst);
+                rtp_ep_open(&dst->ep, &x->ep, dst); // writes the destination before it links
                 if (debug)
                     debug_print_flow('+', dst);
+            } else {
+                dst_set_destination(&dst->ep, x->ep.sa_dst);
             }
         }
         mix_gain_set(imix, dst_imix_inp(dst), xpt_gain(x));

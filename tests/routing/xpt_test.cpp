@@ -68,6 +68,14 @@ TEST(Xpt, FlowsAreSharedPerSourceAndChannelAndModesFollow)
         EXPECT_EQ(routing(), s.routing);
     }
     EXPECT_EQ(pelod_xpt_del(&c), -1);
+    // a new destination alone: the socket stays, the endpoint moves to the
+    // bucket the cycle looks in for that address
+    pelod_xpt a2 = a;
+    a2.ep.sa_dst.sin_addr.s_addr = inet_addr("127.0.0.5");
+    ASSERT_EQ(pelod_xpt_add(&a) + pelod_xpt_add(&a2), 0);
+    const rtp_ep &e = rtp_dsts[0].ep;
+    EXPECT_EQ(rtp_sk_ep_list(e.sk, inet_addr("127.0.0.5"))->next, &e.rtp_sk_ep_list) << routing();
+    EXPECT_EQ(pelod_xpt_del(&a2), 0);
     close_flow_endpoints();
 }
 
