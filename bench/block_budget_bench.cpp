@@ -50,11 +50,11 @@ std::string config(const terminal &t)
              " fmt=L24/48000/1 gain=-6";
         if (i < t.limited_flows)
             c += LCE;
-        if (i < t.ec_flows - 1)
+        if (i < t.ec_flows) // the microphone flow below takes no canceller: network flows do
             c += " ecs=m15";
         c += "\n";
     }
-    c += "XPT mix=m0 src=alsa:0 chn=0 ecs=m1\n"; // the microphone, echo-cancelled
+    c += "XPT mix=m0 src=alsa:0 chn=0 ecs=m1\n"; // the microphone: a sound-card flow takes no canceller
     c += "SRC mix=m1:m1 rtpa=alsa:0\n";
     const int outs = t.pcm_out + t.opus_out;
     for (int o = 0; o < outs; o++) {
