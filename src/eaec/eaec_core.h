@@ -109,7 +109,7 @@ struct eaec_delay {
 struct eaec_state {
     uint32_t frames;
     int head;                         // ring slot of the newest far-end spectrum
-    float *x_re, *x_im, *x_pow;       // nring rows of kpad: far-end spectra and powers
+    float *x_re, *x_im;               // nring rows of kpad: far-end spectra
     eaec_delay dl;
     float x_hist[EAEC_FFT_MAX];       // last M far-end samples
     float x_energy[EAEC_RING_MAX];    // far-end energy of each ring slot's frame
