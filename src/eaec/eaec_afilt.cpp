@@ -6,10 +6,10 @@
 #include <cstring>
 #include <initializer_list>
 
-void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *a_re, const float *a_im,
-                        const float *b_re, const float *b_im, float *ya_re, float *ya_im, float *yb_re,
-                        float *yb_im) noexcept
+void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_chan *c, float *ya_re, float *ya_im,
+                        float *yb_re, float *yb_im, float *norm) noexcept
 {
+    const float *a_re = c->w_re, *a_im = c->w_im, *b_re = c->f_re, *b_im = c->f_im;
     const int kp = p->kpad, np = p->npart;
     const float *xr_rows[EAEC_PART_MAX], *xi_rows[EAEC_PART_MAX];
     for (int part = 0, slot = eaec_slot(p, s, 0); part < np; part++, slot = slot ? slot - 1 : p->nring - 1) {
@@ -22,13 +22,15 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *
         v4_store(ya_im + k, v4_dup(0.0f));
         v4_store(yb_re + k, v4_dup(0.0f));
         v4_store(yb_im + k, v4_dup(0.0f));
+        v4_store(norm + k, v4_dup(0.0f));
     }
     // Bins outermost: the four sums stay in registers across partitions.
     for (int k = 0; k < kad; k += 4) {
-        v4 sar = v4_dup(0.0f), sai = sar, sbr = sar, sbi = sar;
+        v4 sar = v4_dup(0.0f), sai = sar, sbr = sar, sbi = sar, nrm = sar;
         for (int part = 0; part < np; part++) {
             const int o = part * kp + k;
             const v4 u = v4_load(xr_rows[part] + k), v = v4_load(xi_rows[part] + k);
+            nrm = v4_add(nrm, v4_mul(v4_dup(c->part_gain[part]), v4_mma(u, u, v, v)));
             const v4 war = v4_load(a_re + o), wai = v4_load(a_im + o), wbr = v4_load(b_re + o), wbi = v4_load(b_im + o);
             sar = v4_add(sar, v4_mms(war, u, wai, v));
             sai = v4_add(sai, v4_mma(war, v, wai, u));
@@ -39,6 +41,7 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *
         v4_store(ya_im + k, sai);
         v4_store(yb_re + k, sbr);
         v4_store(yb_im + k, sbi);
+        v4_store(norm + k, nrm);
     }
 }
 
@@ -83,19 +86,6 @@ void afilt_part_gains(const eaec_params *p, eaec_chan *c, float share) noexcept
     const float prop = total > 0.0f ? share / total : 0.0f;
     for (int part = 0; part < np; part++)
         c->part_gain[part] = even + prop * c->part_norm[part];
-}
-
-void afilt_weighted_norm(const eaec_params *p, const eaec_state *s, const eaec_chan *c, float *norm) noexcept
-{
-    const int kp = p->kpad, np = p->npart;
-    for (int k = 0; k < kp; k += 4)
-        v4_store(norm + k, v4_dup(0.0f));
-    for (int part = 0, slot = eaec_slot(p, s, 0); part < np; part++, slot = slot ? slot - 1 : p->nring - 1) {
-        const float *xp = s->x_pow + slot * kp;
-        const v4 g = v4_dup(c->part_gain[part]);
-        for (int k = 0; k < p->kadapt; k += 4)
-            v4_store(norm + k, v4_add(v4_load(norm + k), v4_mul(g, v4_load(xp + k))));
-    }
 }
 
 void afilt_copy(const eaec_params *p, const float *from_re, const float *from_im, float *to_re,

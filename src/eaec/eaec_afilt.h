@@ -5,11 +5,12 @@
 #pragma once
 #include "eaec/eaec_core.h"
 
-// [rt] Both filters' echo spectra in one pass over the far-end ring:
-// ya from partitions a, yb from partitions b.
-void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const float *a_re, const float *a_im,
-                        const float *b_re, const float *b_im, float *ya_re, float *ya_im, float *yb_re,
-                        float *yb_im) noexcept;
+// [rt] Both filters' echo spectra in one pass over the far-end ring: ya
+// from the background, yb from the foreground; and into norm,
+// sum_p f_p |X_p|^2 with the partition gains (part_gain): the normaliser
+// of the background's step.
+void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_chan *c, float *ya_re, float *ya_im,
+                        float *yb_re, float *yb_im, float *norm) noexcept;
 // [rt] Copies all partitions from one filter to the other.
 void afilt_copy(const eaec_params *p, const float *from_re, const float *from_im, float *to_re,
                 float *to_im) noexcept;
@@ -22,9 +23,6 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
 // [rt] Partition gains from the background's partition norms: a fraction
 // `share` in proportion to the norms, the rest even; they sum to 1.
 void afilt_part_gains(const eaec_params *p, eaec_chan *c, float share) noexcept;
-// [rt] norm[k] = sum_p f_p |X_(head - p)|^2: the normaliser that goes with
-// the partition gains.
-void afilt_weighted_norm(const eaec_params *p, const eaec_state *s, const eaec_chan *c, float *norm) noexcept;
 // [rt] Cuts partition c->part_next back to N taps (the gradient leaves it
 // circular) and moves on to the next one. taps: M floats; fft_work:
 // EAEC_FFT_WORK floats.

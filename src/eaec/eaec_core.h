@@ -2,10 +2,11 @@
 // eaec_init derives, and the steps of one frame.
 //
 // Signal path of one frame (hop N, window 2N, FFT M >= 2N, K = M/2 + 1):
-//   far-end x -> spectrum of the last M samples -> ring of P spectra
+//   far-end x -> spectrum of the last M samples -> ring of P + 53 spectra
+//   a delay estimator places the filter's window of P partitions on the
+//   ring, up to 520 ms behind the newest far end (eaec_delay)
 //   echo estimate y = last N samples of IFFT(sum_p W_p X_p)  (overlap-save)
 //   error e = mic - y; W_p += mu_k conj(X_p) E / norm_k     (PBFDAF)
-//   the filter covers 0..12 kHz; above, echo is only suppressed
 //   two filters: the background adapts, the foreground (a copy taken
 //   while the background does clearly better) makes the output, so double
 //   talk cannot throw the output filter off
@@ -108,7 +109,7 @@ struct eaec_delay {
 struct eaec_state {
     uint32_t frames;
     int head;                         // ring slot of the newest far-end spectrum
-    float *x_re, *x_im, *x_pow;       // nring rows of kpad: far-end spectra and powers
+    float *x_re, *x_im;               // nring rows of kpad: far-end spectra
     eaec_delay dl;
     float x_hist[EAEC_FFT_MAX];       // last M far-end samples
     float x_energy[EAEC_RING_MAX];    // far-end energy of each ring slot's frame

@@ -57,9 +57,9 @@ void delay_reset(eaec_delay *d)
 void delay_far(const eaec_params *p, eaec_state *s, const float *x_pow, int far_active) noexcept
 {
     eaec_delay *d = &s->dl;
-    d->far_norm[s->head] = far_active ? features(p, x_pow, d->prev_far, d->far_feat[s->head]) : 0.0f;
-    if (!far_active) // the next active frame starts from here
-        features(p, x_pow, d->prev_far, d->far_feat[s->head]);
+    const float norm = features(p, x_pow, d->prev_far, d->far_feat[s->head]);
+    // An inactive frame only sets the start for the next active one.
+    d->far_norm[s->head] = far_active && std::isfinite(norm) ? norm : 0.0f;
 }
 
 int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far_active, int locked) noexcept
@@ -67,7 +67,7 @@ int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far
     eaec_delay *d = &s->dl;
     float fm[EAEC_DELAY_BANDS];
     const float nm = features(p, mic_pow, d->prev_mic, fm);
-    if (!far_active || !(nm > 0.0f))
+    if (!far_active || !(nm > 0.0f) || !std::isfinite(nm))
         return d->delay;
     for (int lag = 0, slot = s->head; lag < p->nlag; lag++, slot = slot ? slot - 1 : p->nring - 1) {
         if (!(d->far_norm[slot] > 0.0f))

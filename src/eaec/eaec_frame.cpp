@@ -17,8 +17,8 @@ constexpr float PCM_OUT = 32768.0f;
 constexpr float TWO_PATH_RATE = 0.3f;   // error energy smoothing per frame
 constexpr float TWO_PATH_BETTER = 0.7f; // background 1.5 dB better: copy it
 constexpr float TWO_PATH_WORSE = 8.0f;  // background 9 dB worse: reset it
-constexpr float TWO_PATH_HARM = 1.2f;   // both 1.8 dB above the microphone ...
-constexpr int TWO_PATH_HARM_FRAMES = 5; // ... for this many far-active frames: reset both
+constexpr float TWO_PATH_HARM = 1.2f;   // both 0.8 dB above the microphone ...
+constexpr int TWO_PATH_HARM_FRAMES = 5; // ... for this many far-active frames: restart the background
 constexpr float LOCKED = 10.0f;         // the foreground takes 10 dB off the microphone
 constexpr int CONSTRAIN_PER_FRAME = 1;  // partitions cut back to N taps per frame
 constexpr int FAR_HANGOVER = 30;       // frames the far end counts as talking after it stops
@@ -26,7 +26,7 @@ constexpr float PROPORTIONATE_SHARE = 0.5f; // of the step, by partition norm
 
 // The process-wide scratch area: one frame at a time borrows it (the
 // real-time cycle is the only caller), so no frame allocates.
-constexpr int SPECTRA = 12; // per-bin rows below
+constexpr int SPECTRA = 13; // per-bin rows below
 constexpr int SCRATCH_FLOATS = EAEC_FFT_WORK + 4 * EAEC_FFT_MAX + SPECTRA * EAEC_KPAD_MAX;
 alignas(64) float scratch[SCRATCH_FLOATS];
 
@@ -39,6 +39,7 @@ struct frame_scratch {
     float *g_re, *g_im;   // step-scaled error spectrum
     float *mu, *pe;
     float *h_re, *h_im;   // this frame's output filter
+    float *norm;          // the background step's normaliser
 };
 
 frame_scratch borrow_scratch()
@@ -51,7 +52,7 @@ frame_scratch borrow_scratch()
     f.t2 = q; q += EAEC_FFT_MAX;
     f.t3 = q; q += EAEC_FFT_MAX;
     float **rows[SPECTRA] = {&f.y_re, &f.y_im, &f.es_re, &f.es_im, &f.ys_re,
-                             &f.ys_im, &f.g_re, &f.g_im, &f.mu, &f.pe, &f.h_re, &f.h_im};
+                             &f.ys_im, &f.g_re, &f.g_im, &f.mu, &f.pe, &f.h_re, &f.h_im, &f.norm};
     for (float **r : rows) {
         *r = q;
         q += EAEC_KPAD_MAX;
@@ -234,7 +235,8 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     // filter adapts at full speed and may be thrown off by double talk; the
     // foreground filter makes the output and takes the background's
     // weights only while they do clearly better.
-    afilt_echo_spectra(p, s, c->w_re, c->w_im, c->f_re, c->f_im, f.y_re, f.y_im, f.g_re, f.g_im);
+    afilt_part_gains(p, c, PROPORTIONATE_SHARE);
+    afilt_echo_spectra(p, s, c, f.y_re, f.y_im, f.g_re, f.g_im, f.norm);
     eaec_irfft(&p->fft, f.y_re, f.y_im, f.t0, f.work);
     float *eb = f.t3, *e = f.t1;
     float en_b = 0.0f, en_f = 0.0f, en_d = 0.0f;
@@ -318,9 +320,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
         eaec_rfft(&p->fft, f.t2, f.g_re, f.g_im, f.work);
         // Bins whose far end lies below the microphone noise carry mostly
         // noise into the gradient: their steps shrink.
-        afilt_part_gains(p, c, PROPORTIONATE_SHARE);
-        float *norm = f.ys_re; // free again: the echo estimate's analysis has been used
-        afilt_weighted_norm(p, s, c, norm);
+        const float *norm = f.norm;
         // The regularisation was set for the plain sum over P partitions;
         // the weighted norm is a mean (the gains sum to 1).
         const float inv_p = 1.0f / float(p->npart);
@@ -400,8 +400,7 @@ int eaec_alloc_state(const eaec_params *p, eaec_state *s)
     const size_t ring = sizeof(float) * size_t(p->nring * p->kpad), row = sizeof(float) * size_t(p->npart * p->kpad);
     s->x_re = static_cast<float *>(eaec_calloc(ring));
     s->x_im = static_cast<float *>(eaec_calloc(ring));
-    s->x_pow = static_cast<float *>(eaec_calloc(ring));
-    if (!s->x_re || !s->x_im || !s->x_pow)
+    if (!s->x_re || !s->x_im)
         return -1;
     for (int i = 0; i < p->nmic; i++) {
         auto *c = static_cast<eaec_chan *>(eaec_calloc(sizeof(eaec_chan)));
@@ -432,8 +431,7 @@ void eaec_free_state(const eaec_params *p, eaec_state *s)
     }
     eaec_free(s->x_re);
     eaec_free(s->x_im);
-    eaec_free(s->x_pow);
-    s->x_re = s->x_im = s->x_pow = nullptr;
+    s->x_re = s->x_im = nullptr;
 }
 
 void eaec_reset_state(const eaec_params *p, eaec_state *s)
@@ -444,7 +442,6 @@ void eaec_reset_state(const eaec_params *p, eaec_state *s)
     const size_t ring = sizeof(float) * size_t(p->nring * p->kpad);
     std::memset(s->x_re, 0, ring);
     std::memset(s->x_im, 0, ring);
-    std::memset(s->x_pow, 0, ring);
     std::memset(s->x_energy, 0, sizeof s->x_energy);
     delay_reset(&s->dl);
     for (int i = 0; i < p->nmic; i++)
@@ -482,7 +479,7 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
     int far_active = 0;
     for (int part = 0; part <= (s->dl.delay > 0 ? EAEC_DELAY_MARGIN : 0); part++)
         far_active |= s->x_energy[eaec_slot(p, s, part)] > p->far_active;
-    float *xr = s->x_re + s->head * kp, *xi = s->x_im + s->head * kp, *xp = s->x_pow + s->head * kp;
+    float *xr = s->x_re + s->head * kp, *xi = s->x_im + s->head * kp, *xp = f.mu; // mu is not yet in use
     eaec_rfft(&p->fft, s->x_hist, xr, xi, f.work);
     for (int k = 0; k < nb; k++)
         xp[k] = xr[k] * xr[k] + xi[k] * xi[k];

@@ -30,7 +30,6 @@ constexpr float COH_RATE = 0.1f;      // cross-spectrum smoothing per frame
 // weighted up, they leave double-talk loss under 2 dB on the benchmark.
 constexpr float LEAK_WEIGHT = 32.0f;
 constexpr float COH_WEIGHT = 4.0f;
-constexpr float FAR_NOISE_SCALE = 1.0f;
 constexpr float ECHO_OVER_NOISE = 1.0f; // residual echo the floor lets through, re the noise
 } // namespace
 
@@ -168,7 +167,7 @@ void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe, i
     // While the far end talks (and a little after), everything left of
     // the microphone is held down by both floors: the far-end talker hears
     // neither their echo nor our background under their own voice.
-    const float lower = far_near ? p->floor_echo * FAR_NOISE_SCALE : 1.0f;
+    const float lower = far_near ? p->floor_echo : 1.0f;
     const v4 fe = v4_dup(p->floor_echo * lower), fn = v4_dup(p->floor_noise * lower), tiny = v4_dup(TINY), one = v4_dup(1.0f);
     const v4 zero = v4_dup(0.0f), lw = v4_dup(LEAK_WEIGHT), cw = v4_dup(COH_WEIGHT);
     const v4 dd = v4_dup(DD_MEMORY), dd1 = v4_dup(1.0f - DD_MEMORY), deep = v4_dup(ECHO_OVER_NOISE);

@@ -29,9 +29,13 @@ TEST(StatsJitter, MaximaOfTheLastMinuteFiveAndFifteen)
     };
     seconds(30, 5000);
     EXPECT_EQ(seconds(1, 20000), "20 20 20 20");
-    EXPECT_EQ(seconds(59, 5000), "5 20 20 20") << "still within the minute";
-    EXPECT_EQ(seconds(2, 5000), "5 5 20 20");
-    EXPECT_EQ(seconds(239, 5000), "5 5 5 20");
+    // each window holds the peak for exactly its length
+    EXPECT_EQ(seconds(59, 5000), "5 20 20 20");
+    EXPECT_EQ(seconds(1, 5000), "5 5 20 20");
+    EXPECT_EQ(seconds(239, 5000), "5 5 20 20");
+    EXPECT_EQ(seconds(1, 5000), "5 5 5 20");
+    EXPECT_EQ(seconds(599, 5000), "5 5 5 20");
+    EXPECT_EQ(seconds(1, 5000), "5 5 5 5");
     EXPECT_EQ(seconds(600, 5999), "5 5 5 5") << "across the wrap of the ring";
 }
 
