@@ -1,9 +1,10 @@
 // Residual-echo and noise suppression of the echo canceller, on the
 // sqrt-Hann analysis spectra of the error (E) and of the echo estimate (Y).
 //
-// Residual echo is the larger of the error's part coherent with the far
-// end (found before the filter has converged and after a path change)
-// and leak x |Y|^2, where leak is the regression
+// Residual echo is the largest of the error's part coherent with the far
+// end (found before the filter has converged and after a path change),
+// a broadband floor (leak x the band's mean |Y|^2) and leak x |Y|^2, where
+// leak is the regression
 // of the error's power fluctuations on the echo estimate's (near-end
 // speech does not move with the far-end, so it barely enters); noise by
 // minimum tracking. The gain is a decision-directed Wiener gain whose
