@@ -158,7 +158,7 @@ void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept
             v4_store(mu + k, v4_dup(p->mu_init));
         return;
     }
-    const v4 gain = v4_dup(LEAK_STEP_GAIN * c->leak), top = v4_dup(p->mu_max), tiny = v4_dup(TINY);
+    const v4 gain = v4_dup(LEAK_STEP_GAIN * c->leak), top = v4_dup(c->boost_frames > 0 ? p->mu_init : p->mu_max), tiny = v4_dup(TINY);
     const v4 cg = v4_dup(COH_STEP_GAIN);
     for (int k = 0; k < kp; k += 4) {
         const v4 num = v4_max(v4_mul(gain, v4_load(c->s_yy + k)), v4_mul(cg, v4_load(c->coh_echo + k)));
