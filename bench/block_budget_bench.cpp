@@ -50,11 +50,11 @@ std::string config(const terminal &t)
              " fmt=L24/48000/1 gain=-6";
         if (i < t.limited_flows)
             c += LCE;
-        if (i < t.ec_flows - 1)
+        if (i < t.ec_flows) // the microphone flow below takes no canceller: network flows do
             c += " ecs=m15";
         c += "\n";
     }
-    c += "XPT mix=m0 src=alsa:0 chn=0 ecs=m1\n"; // the microphone, echo-cancelled
+    c += "XPT mix=m0 src=alsa:0 chn=0 ecs=m1\n"; // the microphone: a sound-card flow takes no canceller
     c += "SRC mix=m1:m1 rtpa=alsa:0\n";
     const int outs = t.pcm_out + t.opus_out;
     for (int o = 0; o < outs; o++) {
@@ -134,9 +134,19 @@ void run(const terminal &t, int wakeups)
         std::sort(v.begin(), v.end());
         return double(v[size_t(double(v.size() - 1) * p)]) / 1000.0;
     };
-    printf("| %s | %d | %.1f | %.1f | %.1f | %.1f / %.1f | %.1f | %.1f | %lld |\n", t.name, wakeups, pct(all, 0.5),
-           pct(all, 0.99), pct(all, 1.0), pct(cpu, 0.99), pct(cpu, 1.0), pct(rx_only, 0.5), pct(rx_only, 0.99),
-           (long long)datagrams);
+    // Work that comes round every 10 blocks (canceller frames, Opus encoder
+    // calls) shows in the median CPU time of each block of the period, which
+    // stalls and stolen time hardly move: the heaviest one is the figure.
+    double heaviest = 0;
+    for (int phase = 0; phase < 10; phase++) {
+        std::vector<int64_t> v;
+        for (size_t w = size_t(phase); w < cpu.size(); w += 10)
+            v.push_back(cpu[w]);
+        heaviest = std::max(heaviest, pct(v, 0.5));
+    }
+    printf("| %s | %d | %.1f | %.1f | %.1f | %.1f / %.1f | %.1f | %.1f | %.1f | %lld |\n", t.name, wakeups,
+           pct(all, 0.5), pct(all, 0.99), pct(all, 1.0), pct(cpu, 0.99), pct(cpu, 1.0), heaviest, pct(rx_only, 0.5),
+           pct(rx_only, 0.99), (long long)datagrams);
 }
 
 } // namespace
@@ -150,9 +160,9 @@ int main(int argc, char **argv)
         {"full: 47 network flows + microphone, 12 PCM + 4 Opus stereo out, 16 limiters, 2 echo cancellers", 47, 0,
          2, 12, 4, 2, 16},
     };
-    printf("| terminal | wake-ups | median µs | p99 µs | worst µs | CPU p99 / worst µs | receive median µs | receive p99 µs "
-           "| datagrams |\n");
-    printf("|---|---|---|---|---|---|---|---|---|\n");
+    printf("| terminal | wake-ups | median µs | p99 µs | worst µs | CPU p99 / worst µs | CPU median of the heaviest block "
+           "of 10 µs | receive median µs | receive p99 µs | datagrams |\n");
+    printf("|---|---|---|---|---|---|---|---|---|---|\n");
     fflush(stdout);
     for (const terminal &t : terminals) {
         const pid_t pid = fork(); // each terminal in a fresh process, as a daemon starts

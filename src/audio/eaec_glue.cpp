@@ -6,6 +6,7 @@
 #include "daemon/shared.h"
 #include "eaec/eaec.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -28,6 +29,35 @@ void dst_eaec_free(rtp_dst *dst)
     eaec_done(dst->eaec_params, dst->eaec_state);
     dst->eaec_params = nullptr;
     dst->eaec_state = nullptr;
+}
+
+// The block of a canceller's frame (and of an Opus stream's encoder call)
+// comes round every 10 blocks, where its block counter wraps to 0. A new
+// canceller starts its counter where it wraps farthest from the others',
+// so that frames are not processed in the same wake-up. The cycle moves
+// the counters on meanwhile, all alike: their differences stay.
+static int eaec_first_pos(const rtp_dst *dst, int frame_length)
+{
+    const int blocks = frame_length / MIX_BLOCK;
+    bool busy[EAEC_FRAME_MAX / MIX_BLOCK] = {};
+    for (const rtp_dst &o : rtp_dsts)
+        if (&o != dst && observe(o.eaec_source) >= 0 && o.eaec_frame_length == frame_length)
+            busy[observe(o.eaec_pos) / MIX_BLOCK % blocks] = true;
+    for (const rtp_src *s = rtp_srcs; s; s = s->next)
+        if (s->fmt.payload_format == RTP_FMT_OPUS && s->opus_enc)
+            busy[observe(s->opus_inbuf_avail) / (MIX_BLOCK * (s->nchn == 1 ? 1 : 2)) % blocks] = true;
+    int best = 0, best_gap = -1;
+    for (int c = 0; c < blocks; c++) { // the counter farthest from every busy one, 0 on a tie
+        int gap = blocks;
+        for (int b = 0; b < blocks; b++)
+            if (busy[b])
+                gap = std::min(gap, std::min((c - b + blocks) % blocks, (b - c + blocks) % blocks));
+        if (gap > best_gap) {
+            best = c;
+            best_gap = gap;
+        }
+    }
+    return best * MIX_BLOCK;
 }
 
 void dst_eaec_setup(rtp_dst *dst, int source)
@@ -69,7 +99,7 @@ void dst_eaec_setup(rtp_dst *dst, int source)
     dst->eaec_params = params;
     dst->eaec_state = state;
     dst->eaec_frame_length = cfg.frame_length;
-    dst->eaec_pos = 0;
+    dst->eaec_pos = eaec_first_pos(dst, cfg.frame_length);
     memset(dst->eaec_mic, 0, sizeof dst->eaec_mic);
     memset(dst->eaec_spk, 0, sizeof dst->eaec_spk);
     memset(dst->eaec_out, 0, sizeof dst->eaec_out); // the first frame played out is silence

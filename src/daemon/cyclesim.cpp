@@ -67,7 +67,7 @@ sim_result cycle_sim_run(const sim_scenario &sc)
     for (int i = 0; i < n; i++) {
         rtp_sk &sk = socks[i];
         memset(&sk, 0, sizeof sk);
-        sk.fd = -1;
+        sk.fd = 1000 + i; // never read: only its parity counts
         for (dlist &b : sk.rtp_sk_ep_list_ip_dst_hash)
             dlist_init(&b);
         rtp_dst &d = rtp_dsts[i];
@@ -145,11 +145,16 @@ sim_result cycle_sim_run(const sim_scenario &sc)
         const wake_plan p = mix_wake_plan(prev, at(now), 2 * MS);
         if (p.resync) {
             r.resyncs++;
+            mix_ring_skip(mix_rtp_ts(prev), mix_rtp_ts(p.ts_next));
             ts_prev = now - now % MS;
             continue;
         }
         const rtp_rx_time rx{p.rtp_ts, p.rtp_ts + uint32_t(MIX_BLOCK * p.blocks)};
+        r.wakeups++;
         for (int i = 0; i < n; i++) {
+            if (!rtp_sk_read_due(&socks[i], rx))
+                continue;
+            r.reads++;
             sender &s = snd[size_t(i)];
             const int64_t drained_at = now + (i >= n / 2 ? drain_stall : 0);
             for (int got = 0; got < RTP_RECV_BATCH && s.next < packets && s.arrival[size_t(s.next)] <= drained_at;

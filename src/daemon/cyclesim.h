@@ -35,6 +35,8 @@ struct sim_result {
     int32_t delay_min, delay_max; // playout delay obtained, local play time - timestamp, samples
     int32_t recover_ms; // after the stall's end until all streams play whole and aligned; -1: never
     int32_t resyncs;    // re-synchronisations of the cycle
+    int64_t wakeups;    // wake-ups that received and played
+    int64_t reads;      // socket reads (one recvmmsg each in the daemon)
 };
 
 // [init] Runs one scenario from a fresh flow table; deterministic for a seed.

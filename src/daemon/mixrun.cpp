@@ -13,6 +13,7 @@
 #include "rtp/rtp_sk.h"
 #include "rtp/rtp_src.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <sched.h>
@@ -66,6 +67,14 @@ wake_plan mix_wake_plan(timespec ts_prev, timespec now, int32_t sysjitter_ns) no
     }
     p.ts_next = t;
     return p;
+}
+
+void mix_ring_skip(uint32_t from, uint32_t to) noexcept
+{
+    const int32_t gap = int32_t(to - from);
+    const uint32_t rows = gap <= 0 ? 0 : std::min(uint32_t(gap), MIX_RING_MASK + 1);
+    for (uint32_t k = 0; k < rows; k++)
+        memset(mix_slot(from + k, 0), 0, MIX_INP_MAX * sizeof(float));
 }
 
 void stats_reset() noexcept
@@ -222,6 +231,7 @@ int mix_run(void *)
         const wake_plan p = mix_wake_plan(ts_prev, now, opt_sysjitter_ns);
         if (p.resync) {
             time_resync++;
+            mix_ring_skip(mix_rtp_ts(ts_prev), mix_rtp_ts(p.ts_next));
         } else {
             if (p.jitter > jitter_max)
                 jitter_max = p.jitter;

@@ -27,6 +27,11 @@ wake_plan mix_wake_plan(timespec ts_prev, timespec now, int32_t sysjitter_ns) no
 // RTP time (48 kHz, modulo 2^32) of a whole-millisecond media time.
 uint32_t mix_rtp_ts(timespec ts) noexcept;
 
+// [rt] Clears the ring rows of the blocks a re-synchronisation skips, from
+// RTP time `from` to `to` (at most the whole ring; nothing if `to` is not
+// later): audio written ahead for them is never consumed and would
+// otherwise play a turn of the ring later.
+void mix_ring_skip(uint32_t from, uint32_t to) noexcept;
 // [rt] Zeroes the eight receive counters of every flow (SIGUSR1).
 void stats_reset() noexcept;
 // [rt] One block for rtp_ts, every step in order; buf is the sound-card

@@ -89,6 +89,7 @@ struct rtp_ep {
     int32_t ptime_samples; // rt
     uint32_t ahead_wake;  // rt; wake-up that last found the stream ahead
     int32_t ahead;        // rt; 1 while that finding waits for a second one
+    uint32_t rx_wait_until; // rt; the last wake-up (its whole ms) that may leave this flow's socket unread
     rt_counter tx_pkts, tx_err; // rt (send path)
 };
 
@@ -108,6 +109,10 @@ struct rtp_sk {
     dlist all;              // sup; link in rtp_sk_all
     dlist rtp_sk_ep_list_ip_dst_hash[RTP_SK_HASH]; // sup; endpoint buckets the cycle walks
     mgroup mgroups[RTP_SK_MGROUPS]; // sup
+    // rt: the one flow endpoint the last drain fed (null: none), whether it
+    // fed several, and whether the last wake-up left the socket unread
+    rtp_ep *rx_one;
+    int32_t rx_mixed, rx_waited;
 };
 
 // ---- voice activity and limiter parameters -------------------------------
@@ -173,7 +178,7 @@ struct rtp_dst {
     int16_t eaec_mic[EAEC_FRAME_MAX]; // rt
     int16_t eaec_spk[EAEC_FRAME_MAX]; // rt
     int16_t eaec_out[EAEC_FRAME_MAX]; // rt (sup clears it while eaec_source is -1)
-    int eaec_pos;           // rt (sup sets 0 while eaec_source is -1)
+    int eaec_pos;           // rt (sup sets the first value while eaec_source is -1)
     HANDLE_EAEC_PARAMS eaec_params; // sup; freed only after eaec_source -1 and a grace period
     HANDLE_EAEC_STATE eaec_state;   // sup; state inside: rt
     LimCom_Instance limcom;

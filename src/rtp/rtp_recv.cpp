@@ -165,10 +165,10 @@ uint32_t rtp_relock_offset(const rtp_ep *ep, uint32_t ts, int32_t step, const rt
 
 // Timing lock, for a datagram of `frames` samples (0: unknown). It arrived
 // after the previous wake-up (t.block) and before this one (t.wake): it
-// runs ahead only when its end lies after t.wake (on two wake-ups), and
-// behind when it lies more than a window before t.block. A late wake-up of
-// our own therefore never looks like a sender running ahead. Returns the offset
-// sender - local.
+// runs ahead only when its end lies after t.wake (on two wake-ups, or at
+// once after a timestamp jump), and behind when it lies more than a window
+// before t.block. A late wake-up of our own therefore never looks like a
+// sender running ahead. Returns the offset sender - local.
 uint32_t rtp_time_lock(rtp_ep *ep, uint32_t ts, int32_t step, int32_t frames, const rtp_rx_time &t) noexcept
 {
     const int32_t window = std::max(step, int32_t(MIX_BLOCK));
@@ -176,16 +176,22 @@ uint32_t rtp_time_lock(rtp_ep *ep, uint32_t ts, int32_t step, int32_t frames, co
     if (!ep->run) {
         // the first datagram after a start or a marker: re-lock below
     } else if (int32_t(t.wake - at) < 0) {
+        if (frames > 0 && frames < step) {
+            // Ahead by a timestamp jump forward (the step longer than the
+            // audio the datagram holds): the sender's timestamps moved, not
+            // its clock. Re-lock at once, its audio going on where it was.
+            ep->synt += uint32_t(step - frames);
+            ep->ahead = 0;
+            ep->buf_full_ts = t.block;
+            ep->rx_reset++;
+            return ep->synt;
+        }
         // Ahead. A stall of our own between the clock read and this drain
         // lets datagrams in that are newer than t.wake, so it takes a second
         // wake-up that finds the stream ahead; until then the datagram
         // plays at its timestamp, later than needed but whole.
         if (ep->ahead && ep->ahead_wake != t.wake) {
             ep->run = 0; // re-lock
-            // a timestamp jump forward makes the step longer than the
-            // datagram: the audio it holds is its packet time
-            if (frames > 0 && frames < step)
-                step = frames;
         } else {
             ep->ahead = 1;
             ep->ahead_wake = t.wake;
@@ -257,7 +263,7 @@ void mix_inp_S24_2_downmix(const uint8_t *x, int bytes, uint32_t rtp_ts, int ich
         *mix_slot(rtp_ts, ichan) = downmix24(tail_frame(x, bytes, off, 6).b.data());
 }
 
-void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst) noexcept
+void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst, int32_t skip) noexcept
 {
     if (bytes < 1 || !dst->opus_dec)
         return;
@@ -271,8 +277,9 @@ void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst) no
     // the decoder was made with 1 channel for a mono flow, else 2
     const int dec_ch = dst->fmt.nchan == 1 ? 1 : 2;
     const int i = dst->index;
+    skip = std::clamp(skip, 0, n);
     if (n_ch == 2 && dst->channel_mode < 0 && dec_ch == 2) {
-        for (int k = 0; k < n; k++)
+        for (int k = skip; k < n; k++)
             *mix_slot(rtp_ts + uint32_t(k), i) =
                 downmix(sample_bound(pcm[2 * k]), sample_bound(pcm[2 * k + 1]));
         return;
@@ -281,7 +288,8 @@ void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst) no
     if (stride < 1)
         return;
     const int end = dec_ch * n; // never past what the decoder wrote
-    for (int k = std::max(dst->channel_mode, 0); k < end; k += stride)
+    rtp_ts += uint32_t(skip);
+    for (int k = std::max(dst->channel_mode, 0) + stride * skip; k < end; k += stride)
         *mix_slot(rtp_ts++, i) = sample_bound(pcm[k]); // garbage decodes far beyond full scale
 }
 
@@ -307,6 +315,17 @@ void rtp_ep_backoff_check(rtp_ep *ep, uint32_t src_addr_h, const uint8_t *packet
     ep->backoff_cnt = RTP_BACKOFF_ARMED;
 }
 
+// One datagram for a flow endpoint of sk; notes whether the drain feeds
+// one endpoint only.
+static void rtp_sk_feed(rtp_sk *sk, rtp_ep *ep, const uint8_t *p, int l, const rtp_rx_time &t) noexcept
+{
+    rtp_ep_recv_packet(ep, p, l, t);
+    if (!sk->rx_one)
+        sk->rx_one = ep;
+    else if (sk->rx_one != ep)
+        sk->rx_mixed = 1;
+}
+
 void rtp_sk_deliver(rtp_sk *sk, in_addr_t dst_addr, uint32_t src_addr_h, const uint8_t *p, int l,
                     const rtp_rx_time &t) noexcept
 {
@@ -316,7 +335,7 @@ void rtp_sk_deliver(rtp_sk *sk, in_addr_t dst_addr, uint32_t src_addr_h, const u
         if (ep->sa_dst.sin_addr.s_addr != dst_addr)
             continue;
         if (ep->dst)
-            rtp_ep_recv_packet(ep, p, l, t);
+            rtp_sk_feed(sk, ep, p, l, t);
         rtp_ep_backoff_check(ep, src_addr_h, p, l);
     }
     if (in_addr_is_mcast(dst_addr))
@@ -325,8 +344,25 @@ void rtp_sk_deliver(rtp_sk *sk, in_addr_t dst_addr, uint32_t src_addr_h, const u
     for (dlist *e = observe(b->next); e != b; e = observe(e->next)) {
         rtp_ep *ep = dlist_entry(e, rtp_ep, rtp_sk_ep_list);
         if (ep->sa_dst.sin_addr.s_addr == INADDR_ANY && ep->dst)
-            rtp_ep_recv_packet(ep, p, l, t);
+            rtp_sk_feed(sk, ep, p, l, t);
     }
+}
+
+bool rtp_sk_read_due(rtp_sk *sk, const rtp_rx_time &t) noexcept
+{
+    const rtp_ep *ep = sk->rx_one;
+    // half the sockets may wait on even wake-ups, half on odd ones, so the
+    // reads are spread evenly over the wake-ups
+    const bool turn = ((t.wake / MIX_BLOCK + uint32_t(sk->fd)) & 1) != 0;
+    if (turn && !sk->rx_waited && ep && !sk->rx_mixed && ep->run && !ep->ahead &&
+        int32_t(ep->rx_wait_until - t.wake) >= 0) {
+        sk->rx_waited = 1;
+        return false;
+    }
+    sk->rx_waited = 0;
+    sk->rx_one = nullptr;
+    sk->rx_mixed = 0;
+    return true;
 }
 
 void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_time &t) noexcept
@@ -359,8 +395,6 @@ void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_t
     const int32_t step = rtp_seq_track(ep, marker, seq, ts);
     if (step == 0)
         return;
-    const uint32_t pdly =
-        dst->pdly >= 1 ? dst->pdly : uint32_t(std::max(pdly_auto(step), int(pdly_samples_min)));
     int32_t frames = 0; // the audio the datagram holds
     if (dst->fmt.payload_format == RTP_FMT_OPUS) {
         if (plen > 0)
@@ -369,17 +403,36 @@ void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_t
         const int frame_bytes = channels * (bits == 16 ? 2 : 3);
         frames = (std::max(plen, 0) + frame_bytes - 1) / frame_bytes;
     }
+    // the packet time, not a timestamp jump, chooses the automatic delay
+    const int32_t ptime = frames > 0 && frames < step ? frames : step;
+    const uint32_t pdly =
+        dst->pdly >= 1 ? dst->pdly : uint32_t(std::max(pdly_auto(ptime), int(pdly_samples_min)));
     const uint32_t synt = rtp_time_lock(ep, ts, step, frames, t);
     const uint32_t pos = ts - synt + pdly;
+    // The next datagram's read may wait for a later wake-up as long as it
+    // would neither look behind there (that wake-up's first block is this
+    // one's end) nor miss a block played meanwhile.
+    const int32_t window = std::max(step, int32_t(MIX_BLOCK));
+    ep->rx_wait_until = ts + uint32_t(step) - synt + std::min(uint32_t(std::max(step, 0) + window), pdly);
     if (pos - t.block > uint32_t(MIX_RING_MASK + 1))
-        ep->rx_late++; // written all the same: the counter only reports it
+        ep->rx_late++;
+    // Only slots from the first block this wake-up plays to a ring's turn
+    // later are written: an earlier slot was played already and a later one
+    // is still to be played, so either would come out a turn of the ring off.
+    const int32_t from = int32_t(pos - t.block);
+    int32_t skip = from < 0 ? -from : 0;
+    if (from > int32_t(MIX_RING_MASK + 1) - std::max(frames, 0))
+        skip = INT32_MAX;
 
     if (plen > 0) {
         const uint8_t *payload = packet + hlen;
-        if (dst->fmt.payload_format == RTP_FMT_OPUS)
-            mix_inp_opus(payload, plen, pos, dst);
-        else
-            rtp_write_pcm(dst, payload, plen, pos, channels, bits);
+        if (dst->fmt.payload_format == RTP_FMT_OPUS) {
+            mix_inp_opus(payload, plen, pos, dst, skip); // decoded all the same: the decoder keeps its state
+        } else if (skip < frames) {
+            const int frame_bytes = channels * (bits == 16 ? 2 : 3);
+            const int b = frame_bytes * skip;
+            rtp_write_pcm(dst, payload + b, plen - b, pos + uint32_t(skip), channels, bits);
+        }
     }
     const float level = *mix_slot(pos, dst->index);
     dst->vox_sample = level;
@@ -464,16 +517,16 @@ void rtp_recv_all(const rtp_rx_time &t) noexcept
     std::array<pollfd, RX_POLL_MAX> fds;
     std::array<rtp_sk *, RX_POLL_MAX> sks;
     int n = 0;
-    bool all_listed = true;
-    for (dlist *l = observe(rtp_sk_all.next); l != &rtp_sk_all; l = observe(l->next)) {
-        if (n == RX_POLL_MAX) {
-            all_listed = false;
-            break;
-        }
-        sks[n] = dlist_entry(l, rtp_sk, all);
-        fds[n] = {sks[n]->fd, POLLIN, 0};
+    dlist *l = observe(rtp_sk_all.next);
+    for (; l != &rtp_sk_all && n < RX_POLL_MAX; l = observe(l->next)) {
+        rtp_sk *sk = dlist_entry(l, rtp_sk, all);
+        if (!rtp_sk_read_due(sk, t))
+            continue;
+        sks[n] = sk;
+        fds[n] = {sk->fd, POLLIN, 0};
         n++;
     }
+    const bool all_listed = l == &rtp_sk_all;
     const bool check = all_listed && n > 1 && rx_idle_sockets * 4 >= unsigned(n);
     if (check && poll(fds.data(), nfds_t(n), 0) < 0)
         return; // cannot fail with these arguments but for a signal; the next wake-up drains
@@ -485,8 +538,10 @@ void rtp_recv_all(const rtp_rx_time &t) noexcept
         }
         idle += rtp_sk_drain(sks[j], t) == 0;
     }
-    if (!all_listed) // more sockets than one check holds: drain the rest in list order
-        for (dlist *l = observe(sks[n - 1]->all.next); l != &rtp_sk_all; l = observe(l->next))
-            rtp_sk_drain(dlist_entry(l, rtp_sk, all), t);
+    for (; l != &rtp_sk_all; l = observe(l->next)) { // more sockets than one check holds: the rest in list order
+        rtp_sk *sk = dlist_entry(l, rtp_sk, all);
+        if (rtp_sk_read_due(sk, t))
+            rtp_sk_drain(sk, t);
+    }
     rx_idle_sockets = idle;
 }

@@ -45,10 +45,17 @@ inline rtp_rx_time rtp_rx_punctual(uint32_t rtp_ts_block) noexcept
     return {rtp_ts_block, rtp_ts_block + uint32_t(MIX_BLOCK)};
 }
 
-// [rt] Drains every socket of rtp_sk_all once, in list order. When many
-// sockets had nothing at the last wake-up, one readiness check first skips
-// the empty ones.
+// [rt] Drains every socket of rtp_sk_all that is due (rtp_sk_read_due), in
+// list order. When many sockets had nothing at the last wake-up, one
+// readiness check first skips the empty ones.
 void rtp_recv_all(const rtp_rx_time &t) noexcept;
+// [rt] Whether this wake-up reads sk. A socket whose last drain fed one
+// flow, locked and not found ahead, which holds enough audio that its next
+// datagram can neither look behind nor miss a block if read one wake-up
+// later, waits, on every other wake-up (by the parity of its descriptor,
+// so that half the sockets wait each time); never two wake-ups in a row.
+// Other sockets are read at every wake-up. Notes the decision in sk.
+bool rtp_sk_read_due(rtp_sk *sk, const rtp_rx_time &t) noexcept;
 // [rt] Drains up to 256 datagrams of sk without blocking and hands each to
 // rtp_sk_deliver. Reports "pelod: rtp_recvm" on errors other than EAGAIN.
 void rtp_sk_recvm(rtp_sk *sk, const rtp_rx_time &t) noexcept;
@@ -81,6 +88,7 @@ void mix_inp_S16_n(const uint8_t *x, int bytes, uint32_t rtp_ts, int ichan, int 
 void mix_inp_S24_n(const uint8_t *x, int bytes, uint32_t rtp_ts, int ichan, int num_chan, int c) noexcept;
 // Stereo 24-bit frames summed and scaled by -3 dB.
 void mix_inp_S24_2_downmix(const uint8_t *x, int bytes, uint32_t rtp_ts, int ichan) noexcept;
-// [rt] Decodes one Opus packet with the flow's decoder into its column;
-// packets of 0 or more than 2 channels and decoder errors write nothing.
-void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst) noexcept;
+// [rt] Decodes one Opus packet with the flow's decoder into its column,
+// leaving out its first `skip` frames; packets of 0 or more than 2
+// channels and decoder errors write nothing.
+void mix_inp_opus(const uint8_t *x, int bytes, uint32_t rtp_ts, rtp_dst *dst, int32_t skip = 0) noexcept;
