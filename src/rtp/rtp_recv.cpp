@@ -413,14 +413,14 @@ void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_t
     // would neither look behind there (that wake-up's first block is this
     // one's end) nor miss a block played meanwhile.
     const int32_t window = std::max(step, int32_t(MIX_BLOCK));
-    ep->rx_wait_until = ts + uint32_t(step) - synt + std::min(uint32_t(std::max(step, 0) + window), pdly);
+    ep->rx_wait_until = ts + uint32_t(step) - synt + std::min(uint32_t(std::max(step, 0)) + uint32_t(window), pdly);
     if (pos - t.block > uint32_t(MIX_RING_MASK + 1))
         ep->rx_late++;
     // Only slots from the first block this wake-up plays to a ring's turn
     // later are written: an earlier slot was played already and a later one
     // is still to be played, so either would come out a turn of the ring off.
     const int32_t from = int32_t(pos - t.block);
-    int32_t skip = from < 0 ? -from : 0;
+    int32_t skip = from < 0 ? int32_t(std::min(t.block - pos, uint32_t(INT32_MAX))) : 0;
     if (from > int32_t(MIX_RING_MASK + 1) - std::max(frames, 0))
         skip = INT32_MAX;
 
