@@ -22,7 +22,7 @@ void dlist_add_tail(dlist *h, dlist *e) noexcept
 
 void dlist_del(dlist *e) noexcept
 {
-    e->prev->next = e->next;
+    publish(e->prev->next, e->next); // a reader on prev steps over e
     e->next->prev = e->prev;
     // a reader standing on e can still step forward; poison only prev
     e->prev = nullptr;

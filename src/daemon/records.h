@@ -74,7 +74,7 @@ struct rtp_ep {
     sockaddr_in sa_bind;  // sup
     in_addr_t ssm_src;    // sup
     uint32_t if_addr_h;   // sup, before the link; multicast: bind address, host order
-    rtp_sk *sk;           // sup; not owning; null when unattached
+    rtp_sk *sk;           // sup (published); not owning; null when unattached; read by other flows' re-lock
     int32_t backoff_cnt;  // sender back-off: armed by sup before the link, then rt only
     dlist rtp_sk_ep_list; // sup; link in one bucket of sk, stored last
     rtp_dst *dst;         // sup, before the link; receiving flow, null for an outgoing stream

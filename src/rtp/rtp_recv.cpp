@@ -155,7 +155,7 @@ uint32_t rtp_relock_offset(const rtp_ep *ep, uint32_t ts, int32_t step, const rt
         return grid;
     for (const rtp_dst &d : rtp_dsts) {
         const rtp_ep &o = d.ep;
-        if (&o != ep && o.run && o.dst && o.sa_dst.sin_family == AF_INET &&
+        if (&o != ep && o.run && o.dst && observe(o.sk) != nullptr &&
             rtp_lock_fits(o.synt, end, t, window))
             return o.synt;
     }

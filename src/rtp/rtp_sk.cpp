@@ -186,7 +186,7 @@ void rtp_ep_open(rtp_ep *ep, const rtp_ep_spec *eps, rtp_dst *dst)
     rtp_sk *sk = rtp_socket_find(&key, mcif);
     if (!sk)
         sk = rtp_sk_open(&key, mcif);
-    ep->sk = sk;
+    publish(ep->sk, sk); // the timing lock of other flows looks at it
     if (!sk)
         return;
     dlist_add_head(rtp_sk_ep_list(sk, G), &ep->rtp_sk_ep_list); // last store the cycle follows
@@ -202,7 +202,7 @@ void rtp_ep_close(rtp_ep *ep)
     if (!sk)
         return;
     dlist_del(&ep->rtp_sk_ep_list);
-    ep->sk = nullptr;
+    publish(ep->sk, static_cast<rtp_sk *>(nullptr));
 
     const in_addr_t G = ep->sa_dst.sin_addr.s_addr;
     if (in_addr_is_mcast(G))
