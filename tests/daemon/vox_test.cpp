@@ -8,7 +8,6 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <thread>
 #include <unistd.h>
 
@@ -40,16 +39,7 @@ protected:
         return rtp_dsts[i];
     }
     // Every notification waiting now, or within wait_ms for the first one.
-    texts take(int wait_ms = 0) const
-    {
-        texts got;
-        pollfd p{fd, POLLIN, 0};
-        char buf[8192];
-        if (poll(&p, 1, wait_ms) > 0)
-            for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) >= 0;)
-                got.emplace_back(buf, size_t(n));
-        return got;
-    }
+    texts take(int wait_ms = 0) const { return udp_take(fd, wait_ms); }
 };
 
 TEST_F(VoxFlows, StartAndEndOfEachTalkerSendTheWholeList)

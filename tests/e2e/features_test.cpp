@@ -17,7 +17,6 @@
 #include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sched.h>
 #include <sstream>
 #include <unistd.h>
@@ -80,17 +79,6 @@ void paced_1ms(int ms, const std::function<void(int)> &each)
         sched_setscheduler(0, policy, &old);
 }
 
-// Every datagram waiting on fd now, or within wait_ms for the first one.
-texts take(int fd, int wait_ms = 0)
-{
-    texts got;
-    pollfd p{fd, POLLIN, 0};
-    char buf[2048];
-    if (poll(&p, 1, wait_ms) > 0)
-        for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) >= 0;)
-            got.emplace_back(buf, size_t(n));
-    return got;
-}
 
 // Columns PKTS SRST SEQE DROP DUPL GOOD of the report's row for a source
 // (SYNC and LATE follow the machine's load).
@@ -165,15 +153,15 @@ TEST(E2eFeatures, GroupsGainsReportVoxReloadAndSoundCardInOneRun)
         rtp_send(other, "232.1.2.3", 5006, uint16_t(seq), 3, std::vector<int32_t>(48, 7000000)); // not the source
         if (seq == 200)
             daemon.signal(SIGHUP); // the same file: nothing is re-created, the list is announced again
-        for (std::string &t : take(notes))
+        for (std::string &t : udp_take(notes))
             got.push_back(std::move(t));
-        for (std::string &t : take(rx))
+        for (std::string &t : udp_take(rx))
             out.push_back(std::move(t));
     });
     send(399); // a repeat
     EXPECT_EQ(got, texts(2, R"({"vox":["-300"]})")) << "start of talk, then the reload's announcement";
     const auto silent = std::chrono::steady_clock::now();
-    EXPECT_EQ(take(notes, 2000), texts{R"({"vox":[]})"}) << "end of talk";
+    EXPECT_EQ(udp_take(notes, 2000), texts{R"({"vox":[]})"}) << "end of talk";
     EXPECT_GE(std::chrono::steady_clock::now() - silent, std::chrono::milliseconds(390))
         << "held for 0.4 s after the last loud packet";
 

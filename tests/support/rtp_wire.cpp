@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <ctime>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -65,4 +66,15 @@ uint32_t media_clock_now()
     timespec t{};
     clock_gettime(CLOCK_TAI, &t);
     return uint32_t(uint64_t(t.tv_sec) * 48000 + uint64_t(t.tv_nsec) * 3 / 62500);
+}
+
+std::vector<std::string> udp_take(int fd, int wait_ms)
+{
+    std::vector<std::string> got;
+    pollfd p{fd, POLLIN, 0};
+    char buf[8192];
+    if (poll(&p, 1, wait_ms) > 0)
+        for (ssize_t n; (n = recv(fd, buf, sizeof buf, MSG_DONTWAIT)) >= 0;)
+            got.emplace_back(buf, size_t(n));
+    return got;
 }

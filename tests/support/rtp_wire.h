@@ -2,12 +2,15 @@
 // out, datagrams built byte by byte, big-endian fields read back.
 #pragma once
 #include <cstdint>
+#include <string>
 #include <netinet/in.h>
 #include <vector>
 
 // A UDP socket bound to 127.0.0.1 on a port the kernel hands out; *bound
 // (if given) gets the address. Returns the descriptor, -1 on failure.
 int udp_loopback(sockaddr_in *bound = nullptr);
+// Every datagram waiting on fd now, or within wait_ms for the first one.
+std::vector<std::string> udp_take(int fd, int wait_ms = 0);
 // A port that was free on 127.0.0.1 a moment ago.
 uint16_t udp_free_port();
 // A version-2 RTP header without CSRCs or extension, then the payload.
