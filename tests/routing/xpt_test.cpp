@@ -1,5 +1,7 @@
 #include "routing/xpt.h"
 
+#include "audio/eaec_glue.h"
+#include "daemon/grace.h"
 #include "daemon/shared.h"
 #include "support/cycle_tables.h"
 #include "support/emulation.h"
@@ -98,5 +100,38 @@ TEST(XptInit, CycleNeverSeesAHalfClearedFlow)
     stop = true;
     cycle.join();
     EXPECT_EQ(bad, 0);
+}
+
+// A wake-up that found a flow's canceller running keeps using its objects
+// to its end: stopping the flow frees them only after that boundary.
+TEST(XptStop, CancellerOutlivesTheWakeUpThatFoundIt)
+{
+    SKIP_UNDER_EMULATION();
+    reset_cycle_tables();
+    rtp_dst &d = rtp_dsts[1];
+    std::atomic<bool> stop{false};
+    std::atomic<long> freed_under_it{0};
+    rt_set_alive(1);
+    std::thread cycle([&] {
+        while (!stop) {
+            if (observe(d.eaec_source) >= 0) {
+                const HANDLE_EAEC_STATE st = observe(d.eaec_state);
+                const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(300);
+                while (std::chrono::steady_clock::now() < until) {
+                }
+                freed_under_it += observe(d.eaec_state) != st;
+            }
+            rt_cycle_done();
+        }
+    });
+    for (int i = 0; i < 20; i++) {
+        dst_eaec_setup(&d, 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        dst_flow_stop(&d);
+    }
+    stop = true;
+    cycle.join();
+    rt_set_alive(0);
+    EXPECT_EQ(freed_under_it, 0);
 }
 } // namespace
