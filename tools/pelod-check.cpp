@@ -340,7 +340,12 @@ void check_xpt(pass &p, line_rec &r)
         report(p.line, "error", "XPT without mix: the daemon routes nothing for this line");
     if (!x.src[0]) {
         report(p.line, "error", "XPT without src: the daemon routes nothing for this line");
-    } else if (strncmp(x.src, "alsa:", 5) != 0) {
+    } else if (strncmp(x.src, "alsa:", 5) == 0) {
+        // the sound card's flow is started without either of them
+        if (x.eaec_mix[0] || x.limcom_params.enable)
+            report(p.line, "warning", "%s on a sound-card source: the daemon runs no echo canceller "
+                   "or limiter on %s's flow", x.eaec_mix[0] ? "ecs" : "lce", x.src);
+    } else {
         if (endpoint_empty(x.ep))
             report(p.line, "error", "src=%s is no valid address (or ifa is not): the daemon "
                    "leaves the endpoint empty and the flow receives nothing", x.src);
@@ -529,7 +534,7 @@ void check_file(pass &p)
         if (r.kind != 'X' || !r.x.src[0] || !r.x.mix[0])
             continue;
         meet(r.x.mix, r.line);
-        if (r.x.eaec_mix[0])
+        if (r.x.eaec_mix[0] && strncmp(r.x.src, "alsa:", 5) != 0)
             meet(r.x.eaec_mix, r.line);
         pelod_xpt a = r.x;
         a.mix[0] = '\0';

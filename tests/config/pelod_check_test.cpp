@@ -39,6 +39,7 @@ TEST(PelodCheck, ReportsEveryBrokenLineWithItsLevel)
         {std::string("XPT mix=spk src=239.192.0.17 \0gain=-100", 39), "error: NUL byte at column 30"},
         {"# " + std::string(2047, 'c') + "XPT mix=spk src=239.192.0.18", "error: line longer than 2049"},
         {"SRC rtpa=239.192.1.1", "error: SRC without mix"},
+        {"XPT mix=spk src=alsa:0 ecs=spk", "warning: ecs on a sound-card source"},
     };
     std::string text;
     for (const broken_line &l : table)
