@@ -395,12 +395,12 @@ void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_t
     const int32_t step = rtp_seq_track(ep, marker, seq, ts);
     if (step == 0)
         return;
+    const int frame_bytes = channels * (bits == 16 ? 2 : 3); // PCM
     int32_t frames = 0; // the audio the datagram holds
     if (dst->fmt.payload_format == RTP_FMT_OPUS) {
         if (plen > 0)
             frames = opus_packet_get_nb_samples(packet + hlen, plen, 48000);
     } else if (channels > 0) {
-        const int frame_bytes = channels * (bits == 16 ? 2 : 3);
         frames = (std::max(plen, 0) + frame_bytes - 1) / frame_bytes;
     }
     // the packet time, not a timestamp jump, chooses the automatic delay
@@ -429,7 +429,6 @@ void rtp_ep_recv_packet(rtp_ep *ep, const uint8_t *packet, int l, const rtp_rx_t
         if (dst->fmt.payload_format == RTP_FMT_OPUS) {
             mix_inp_opus(payload, plen, pos, dst, skip); // decoded all the same: the decoder keeps its state
         } else if (skip < frames) {
-            const int frame_bytes = channels * (bits == 16 ? 2 : 3);
             const int b = frame_bytes * skip;
             rtp_write_pcm(dst, payload + b, plen - b, pos + uint32_t(skip), channels, bits);
         }
@@ -489,7 +488,7 @@ constexpr int RX_POLL_MAX = 128;
 // Returns the datagrams taken in, -1 on an error.
 static int rtp_sk_drain(rtp_sk *sk, const rtp_rx_time &t) noexcept
 {
-    rt_context_check("rtp_sk_recvm");
+    rt_context_check("rtp_sk_drain");
     if (!rx.ready)
         rx.prepare();
     const int n = recvmmsg(sk->fd, rx.msgs.data(), RTP_RECV_BATCH, MSG_DONTWAIT, nullptr);

@@ -21,8 +21,8 @@ TEST(RtpSk, SocketIsClosedOnlyAfterTheCycleBoundary)
     SKIP_UNDER_EMULATION();
     reset_cycle_tables();
     const sockaddr_in a{AF_INET, htons(udp_free_port()), {inet_addr("127.0.0.1")}, {}};
-    const rtp_ep_spec spec{a, a, 0};
-    rtp_ep_open(&rtp_dsts[0].ep, &spec, &rtp_dsts[0]);
+    const rtp_ep_spec ends{a, a, 0};
+    rtp_ep_open(&rtp_dsts[0].ep, &ends, &rtp_dsts[0]);
     const int fd = rtp_dsts[0].ep.sk->fd;
     std::atomic<int> open_when_unlinked{-1};
     rt_set_alive(1);
