@@ -1,8 +1,11 @@
 #include "eaec/eaec_afilt.h"
 #include "eaec/eaec_core.h"
 #include "eaec/eaec_supp.h"
+#include "eaec/eaec_v4.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -78,39 +81,37 @@ void analyse(const eaec_params *p, const float *prev, const float *cur, float *b
 }
 
 // Fast approximations for the output filter, relative error about 1e-6
-// over the ranges used there.
-float fast_ln(float x) noexcept // x normal and > 0
+// over the ranges used there. Branch-free, so the per-bin loops that call
+// them run four bins at a time.
+inline float fast_ln(float x) noexcept // x normal and > 0
 {
-    uint32_t i;
-    std::memcpy(&i, &x, sizeof i);
-    const float e = float(int((i >> 23) & 255u) - 127);
-    i = (i & 0x7FFFFFu) | 0x3F800000u; // mantissa in [1, 2)
-    float m;
-    std::memcpy(&m, &i, sizeof m);
-    float ex = e;
-    if (m > 1.41421356f) { // into [0.707, 1.414), where the series converges faster
-        m *= 0.5f;
-        ex += 1.0f;
-    }
+    const uint32_t i = std::bit_cast<uint32_t>(x);
+    const float m0 = std::bit_cast<float>((i & 0x7FFFFFu) | 0x3F800000u); // mantissa in [1, 2)
+    // Into [0.707, 1.414), where the series converges faster.
+    const bool big = m0 > 1.41421356f;
+    const float m = big ? 0.5f * m0 : m0;
+    const float ex = float(int((i >> 23) & 255u) - (big ? 126 : 127));
     const float t = (m - 1.0f) / (m + 1.0f), t2 = t * t;
     return ex * 0.69314718f + 2.0f * t * (1.0f + t2 * (1.0f / 3.0f + t2 * (0.2f + t2 * (1.0f / 7.0f + t2 * (1.0f / 9.0f)))));
 }
 
-float fast_exp(float y) noexcept // y in [-80, 80]
+inline float fast_exp(float y) noexcept // y in [-80, 0]
 {
-    const float z = y * 1.44269504f, fl = std::floor(z), fr = (z - fl) * 0.69314718f;
+    const float z = y * 1.44269504f;
+    const int zi = int(z);                  // towards zero
+    const int fi = zi - int(float(zi) > z); // floor
+    const float fr = (z - float(fi)) * 0.69314718f;
     const float poly = 1.0f + fr * (1.0f + fr * (0.5f + fr * (1.0f / 6.0f + fr * (1.0f / 24.0f + fr * (1.0f / 120.0f + fr * (1.0f / 720.0f))))));
-    const uint32_t bits = uint32_t(int(fl) + 127) << 23;
-    float scale;
-    std::memcpy(&scale, &bits, sizeof scale);
-    return poly * scale;
+    return poly * std::bit_cast<float>(uint32_t(fi + 127) << 23);
 }
 
-// sin and cos of any finite r: reduced to [-pi, pi], then from the half angle.
-void fast_sincos(float r, float *sn, float *cs) noexcept
+// sin and cos of r in [-1e6, 1e6]: reduced to [-pi, pi], then from the half angle.
+inline void fast_sincos(float r, float *sn, float *cs) noexcept
 {
     constexpr float TWO_PI = 6.28318531f;
-    const float h = 0.5f * (r - TWO_PI * std::nearbyint(r * (1.0f / TWO_PI))), h2 = h * h;
+    const float q = r * (1.0f / TWO_PI) + 0.5f;
+    const int qi = int(q);
+    const float h = 0.5f * (r - TWO_PI * float(qi - int(float(qi) > q))), h2 = h * h; // r - the nearest turn
     const float s = h * (1.0f - h2 * (1.0f / 6.0f - h2 * (1.0f / 120.0f - h2 * (1.0f / 5040.0f - h2 * (1.0f / 362880.0f)))));
     const float c = 1.0f - h2 * (0.5f - h2 * (1.0f / 24.0f - h2 * (1.0f / 720.0f - h2 * (1.0f / 40320.0f))));
     *sn = 2.0f * s * c;
@@ -124,8 +125,8 @@ constexpr float GAIN_MIN = 1e-5f; // -100 dB: below every configured floor
 // exponentiated. A short causal filter, so applying it adds no delay.
 void min_phase(const eaec_params *p, const float *gain, float *h_re, float *h_im, float *t, float *work) noexcept
 {
-    const int m = p->nfft, nb = p->nbin;
-    for (int k = 0; k < nb; k++) {
+    const int m = p->nfft, nb = p->nbin, kp = p->kpad;
+    for (int k = 0; k < kp; k++) {
         const float g = gain[k];
         h_re[k] = fast_ln(g > GAIN_MIN ? (g < 1.0f ? g : 1.0f) : GAIN_MIN);
         h_im[k] = 0.0f;
@@ -136,24 +137,36 @@ void min_phase(const eaec_params *p, const float *gain, float *h_re, float *h_im
     for (int i = m / 2 + 1; i < m; i++)
         t[i] = 0.0f;
     eaec_rfft(&p->fft, t, h_re, h_im, work);
-    for (int k = 0; k < nb; k++) {
+    for (int k = 0; k < kp; k++) {
         float sn, cs;
-        const float a = fast_exp(h_re[k] < 0.0f ? h_re[k] : 0.0f);
+        const float a = fast_exp(std::min(h_re[k], 0.0f));
         fast_sincos(h_im[k], &sn, &cs);
         h_re[k] = a * cs;
         h_im[k] = a * sn;
     }
-    for (int k = nb; k < p->kpad; k++)
+    for (int k = nb; k < kp; k++)
         h_re[k] = h_im[k] = 0.0f;
 }
 
-uint32_t lcg(uint32_t &r)
+constexpr uint32_t lcg(uint32_t &r)
 {
     r = r * 1664525u + 1013904223u;
     return r;
 }
-// Uniform in [-1, 1).
-float uniform(uint32_t &r) { return float(int32_t(lcg(r))) * (1.0f / 2147483648.0f); }
+
+// Comfort noise: two tables of uniform values in [-1, 1), made by the
+// compiler; every frame reads them from a random offset, four bins at a
+// time.
+constexpr int NOISE_TABLE = 4096;
+using noise_table = std::array<float, NOISE_TABLE + EAEC_KPAD_MAX>;
+constexpr noise_table make_noise(uint32_t r)
+{
+    noise_table t{};
+    for (float &v : t)
+        v = float(int32_t(lcg(r))) * (1.0f / 2147483648.0f);
+    return t;
+}
+alignas(16) constexpr noise_table noise_re = make_noise(0x6D2B79F5u), noise_im = make_noise(0x2545F491u);
 
 int16_t to_pcm(float v) noexcept
 {
@@ -193,7 +206,7 @@ void chan_reset(const eaec_params *p, eaec_chan *c, int index)
 void output_stage(const eaec_params *p, eaec_chan *c, const float *e, const float *gain, const float *comfort,
                   INT_PCM *out, const frame_scratch &f) noexcept
 {
-    const int n = p->hop, m = p->nfft, nb = p->nbin;
+    const int n = p->hop, m = p->nfft;
     min_phase(p, gain, f.h_re, f.h_im, f.t2, f.work);
     std::memcpy(f.t2, c->e_hist, sizeof(float) * size_t(m - n));
     std::memcpy(f.t2 + (m - n), e, sizeof(float) * size_t(n));
@@ -203,18 +216,18 @@ void output_stage(const eaec_params *p, eaec_chan *c, const float *e, const floa
     // Uniform components have power 1/3 each; the analysis window's power
     // is N, this block's M.
     const float cscale = 1.5f * float(m) / float(n);
-    for (int k = 0; k < nb; k++) {
-        float cr = 0.0f, ci = 0.0f;
-        if (comfort[k] > 0.0f) {
-            const float a = std::sqrt(cscale * comfort[k]);
-            cr = a * uniform(c->rng);
-            ci = a * uniform(c->rng);
-        }
-        const float ur = xr[k], ui = xi[k];
-        yr[k] = f.h_re[k] * ur - f.h_im[k] * ui + cr;
-        yi[k] = f.h_re[k] * ui + f.h_im[k] * ur + ci;
-        xr[k] = c->h_re[k] * ur - c->h_im[k] * ui + cr;
-        xi[k] = c->h_re[k] * ui + c->h_im[k] * ur + ci;
+    const int off = int(lcg(c->rng) >> 20); // below NOISE_TABLE
+    const float *nr = noise_re.data() + off, *ni = noise_im.data() + off;
+    const v4 cs = v4_dup(cscale);
+    for (int k = 0; k < p->kpad; k += 4) {
+        const v4 a = v4_sqrt(v4_mul(cs, v4_load(comfort + k))); // comfort >= 0
+        const v4 cr = v4_mul(a, v4_loadu(nr + k)), ci = v4_mul(a, v4_loadu(ni + k));
+        const v4 ur = v4_load(xr + k), ui = v4_load(xi + k);
+        const v4 hr = v4_load(f.h_re + k), hi = v4_load(f.h_im + k), gr = v4_load(c->h_re + k), gi = v4_load(c->h_im + k);
+        v4_store(yr + k, v4_add(v4_mms(hr, ur, hi, ui), cr));
+        v4_store(yi + k, v4_add(v4_mma(hr, ui, hi, ur), ci));
+        v4_store(xr + k, v4_add(v4_mms(gr, ur, gi, ui), cr));
+        v4_store(xi + k, v4_add(v4_mma(gr, ui, gi, ur), ci));
     }
     eaec_irfft(&p->fft, yr, yi, f.t2, f.work);
     eaec_irfft(&p->fft, xr, xi, f.t1, f.work);
