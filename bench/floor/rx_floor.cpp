@@ -10,7 +10,9 @@
 //     socket is read only on every other wake-up, by its descriptor's
 //     parity, as the daemon reads a busy socket whose flow has margin;
 //   - one sendto of a 1 ms L24 mono RTP packet (silence).
-// Options: --every 1|2 (default 1, or $FLOOR_EVERY), --count N: print the
+// Options: --every 1|2 (default 1, or $FLOOR_EVERY); --read-tx: also one
+// recvmmsg on the sending socket every wake-up, as the daemon reads the
+// sending stream's own socket (which holds nothing); --count N: print the
 // system calls made per wake-up and the datagrams taken in after N wake-ups
 // and exit (without it, runs until SIGINT/SIGTERM).
 #include <arpa/inet.h>
@@ -125,6 +127,7 @@ int main(int argc, char **argv)
     const char *conf = nullptr;
     int every = getenv("FLOOR_EVERY") ? atoi(getenv("FLOOR_EVERY")) : 1;
     long count = 0;
+    bool read_tx = false;
     for (int i = 1; i < argc; i++) {
         if (!strcmp(argv[i], "-f") && i + 1 < argc)
             conf = argv[++i];
@@ -132,11 +135,13 @@ int main(int argc, char **argv)
             ++i; // the daemon's clock device: this program uses CLOCK_TAI
         else if (!strcmp(argv[i], "--every") && i + 1 < argc)
             every = atoi(argv[++i]);
+        else if (!strcmp(argv[i], "--read-tx"))
+            read_tx = true;
         else if (!strcmp(argv[i], "--count") && i + 1 < argc)
             count = atol(argv[++i]);
     }
     if (!conf || (every != 1 && every != 2)) {
-        fprintf(stderr, "usage: rx_floor [-p -] -f CONFIG [--every 1|2] [--count WAKEUPS]\n");
+        fprintf(stderr, "usage: rx_floor [-p -] -f CONFIG [--every 1|2] [--read-tx] [--count WAKEUPS]\n");
         return 1;
     }
     FILE *f = fopen(conf, "r");
@@ -163,7 +168,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "rx_floor: no SRC line with rtpa= and ifa= in %s\n", conf);
         return 1;
     }
-    fprintf(stderr, "rx_floor: %d sockets, every %d wake-up(s)\n", nfd, every);
+    fprintf(stderr, "rx_floor: %d sockets, every %d wake-up(s)%s\n", nfd, every, read_tx ? ", sending socket too" : "");
 
     signal(SIGINT, on_signal);
     signal(SIGTERM, on_signal);
@@ -201,6 +206,12 @@ int main(int argc, char **argv)
             for (int k = 0; k < n; k++)
                 rx.reset(k);
             got += n > 0 ? n : 0;
+        }
+        if (read_tx) {
+            const int n = recvmmsg(tx, rx.msgs.data(), BATCH, MSG_DONTWAIT, nullptr);
+            calls++;
+            for (int k = 0; k < n; k++)
+                rx.reset(k);
         }
         const uint16_t s = htons(seq++);
         const uint32_t t = htonl(ts - BLOCK);
