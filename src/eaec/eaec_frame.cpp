@@ -26,6 +26,7 @@ constexpr int BOOST_FRAMES = 50;        // far-active frames of starting steps (
 constexpr float LOCKED = 10.0f;         // the foreground takes 10 dB off the microphone
 constexpr int FAR_HANGOVER = 30;       // frames the far end counts as talking after it stops
 constexpr float PROPORTIONATE_SHARE = 0.5f; // of the step, by partition norm
+constexpr float UNC_RATE = 0.6f; // the filter's learning against a white far end's (see unc_learn)
 
 // The process-wide scratch area: one frame at a time borrows it (the
 // real-time cycle is the only caller), so no frame allocates.
@@ -263,6 +264,37 @@ void output_stage(const eaec_params *p, eaec_chan *c, const float *comfort, INT_
     std::memcpy(c->h_im, f.h_im, sizeof(float) * size_t(p->kpad));
 }
 
+// After an echo-path change the new path is taken to be as strong as the
+// old one, and none of it known: the old foreground's power gain per bin.
+void unc_restart(const eaec_params *p, eaec_chan *c) noexcept
+{
+    const int kp = p->kpad;
+    std::memset(c->unc, 0, sizeof c->unc);
+    for (int part = 0; part < p->npart; part++) {
+        const float *re = c->f_re + part * kp, *im = c->f_im + part * kp;
+        for (int k = 0; k < kp; k++)
+            c->unc[k] += re[k] * re[k] + im[k] * im[k];
+    }
+}
+
+// Each adapting frame learns a share of what is unknown: for a white far
+// end standing well above the step's regularisation (the bin's noise),
+// mu (2 - mu) / P of it; speech's colour and the proportionate step make
+// the filter slower, UNC_RATE of that. The echo left unknown is what the
+// filter has not learnt times the far end in its window (mu: null while
+// the far end is silent, when nothing is learnt).
+void unc_learn(const eaec_params *p, eaec_chan *c, const float *mu, const float *norm) noexcept
+{
+    const float np = float(p->npart), inv_p = 1.0f / np;
+    for (int k = 0; k < p->kpad; k++) {
+        if (mu) {
+            const float excite = norm[k] / (norm[k] + inv_p * (p->reg + p->reg_noise * c->noise[k]));
+            c->unc[k] *= 1.0f - UNC_RATE * mu[k] * (2.0f - mu[k]) * inv_p * excite;
+        }
+        c->unc_echo[k] = c->unc[k] * np * norm[k];
+    }
+}
+
 // Returns the filter delay the delay estimator asks for (channel 0 only,
 // else the one in force).
 int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const short *mic, INT_PCM *out,
@@ -316,6 +348,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
             c->harm_frames = 0;
             c->was_locked = 0;
             c->boost_frames = BOOST_FRAMES;
+            unc_restart(p, c);
         } else if (c->err_bg > TWO_PATH_WORSE * c->err_fg) {
             // Double talk pulled the background away: restart it from the
             // foreground.
@@ -363,6 +396,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
         rfft_two(p, f.t2, block, f.g_re, f.g_im, f.es_re, f.es_im, f.work); // the analysis spectra are used
         supp_step(p, c, f.mu);
         c->boost_frames = std::max(0, c->boost_frames - 1);
+        unc_learn(p, c, f.mu, f.norm);
         // Bins whose far end lies below the microphone noise carry mostly
         // noise into the gradient: their steps shrink.
         const float *norm = f.norm;
@@ -380,6 +414,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
             afilt_scale(p, c->w_re, c->w_im, 0.0f);
     } else {
         eaec_rfft(&p->fft, block, f.es_re, f.es_im, f.work);
+        unc_learn(p, c, nullptr, f.norm);
     }
 
     c->far_hold = far_active ? FAR_HANGOVER : std::max(0, c->far_hold - 1);
