@@ -315,11 +315,44 @@ void eaec_irfft(const eaec_fft_plan *p, const float *re, const float *im, float 
          swapped_pairs_out{x});
 }
 
+// Whether a[0..n-1] (n a multiple of 16) is all zeros; a NaN is not. It
+// stops at the first block of sixteen that is not: soon, for most signals.
+static bool silent(const float *a, int n) noexcept
+{
+    const v4 zero = v4_dup(0.0f);
+    for (int k = 0; k < n; k += 16) {
+        v4 sum = zero;
+        for (int j = k; j < k + 16; j += 4) {
+            const v4 u = v4_loadu(a + j);
+            sum = v4_add(sum, v4_max(u, v4_sub(zero, u)));
+        }
+        if (!(v4_hsum(sum) == 0.0f))
+            return false;
+    }
+    return true;
+}
+
+// A pair transform leaks rounding noise of one member into the other; a
+// member that is all zeros (a filter not yet adapted, digital silence)
+// must come out exactly zero, as from a transform of its own.
+static void zero_spectrum(float *re, float *im, int h) noexcept
+{
+    for (int k = 0; k <= h; k++)
+        re[k] = im[k] = 0.0f;
+}
+
 // Z = X + i Y: X[k] = (Z[k] + conj Z[n-k]) / 2, Y[k] = (Z[k] - conj Z[n-k]) / 2i.
 void eaec_rfft_pair(const eaec_fft_plan *p, const float *x, const float *y, float *x_re, float *x_im, float *y_re,
                     float *y_im, float *work) noexcept
 {
     const int n = p->n, h = p->half;
+    for (int j = 0; j < 2; j++) {
+        if (silent(j ? y : x, n)) {
+            eaec_rfft(p, j ? x : y, j ? x_re : y_re, j ? x_im : y_im, work);
+            zero_spectrum(j ? y_re : x_re, j ? y_im : x_im, h);
+            return;
+        }
+    }
     const split_io z = cfft(p, p->cx_full, split_in{x, y},
                             split_io{work, work + n}, split_io{work + 2 * n, work + 3 * n},
                             to_spare{});
@@ -354,6 +387,18 @@ void eaec_irfft_pair(const eaec_fft_plan *p, const float *x_re, const float *x_i
                      const float *y_im, float *x, float *y, float *work) noexcept
 {
     const int n = p->n, h = p->half;
+    for (int j = 0; j < 2; j++) {
+        const float *re = j ? y_re : x_re, *im = j ? y_im : x_im; // im[0], im[h] do not count
+        bool zero = re[h] == 0.0f && silent(re, h) && silent(im + 16, h - 16);
+        for (int k = 1; k < 16; k++)
+            zero = zero && im[k] == 0.0f;
+        if (zero) {
+            eaec_irfft(p, j ? x_re : y_re, j ? x_im : y_im, j ? x : y, work);
+            for (int t = 0; t < n; t++)
+                (j ? y : x)[t] = 0.0f;
+            return;
+        }
+    }
     const float sc = 1.0f / float(n);
     float *ar = work, *ai = work + n; // swap(Z) / n
     for (int k : {0, h}) {

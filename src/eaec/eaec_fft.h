@@ -47,9 +47,11 @@ void eaec_rfft(const eaec_fft_plan *p, const float *x, float *re, float *im, flo
 // [rt] Inverse of eaec_rfft (scaled by 1/n): re/im[0..n/2] into x[0..n-1].
 // The imaginary parts of bins 0 and n/2 are ignored.
 void eaec_irfft(const eaec_fft_plan *p, const float *re, const float *im, float *x, float *work) noexcept;
-// [rt] eaec_rfft of x and of y in one complex transform.
+// [rt] eaec_rfft of x and of y in one complex transform (x, y and the
+// outputs need not be aligned). Each result carries rounding noise of the
+// other's size; a member that is all zeros comes out exactly zero.
 void eaec_rfft_pair(const eaec_fft_plan *p, const float *x, const float *y, float *x_re, float *x_im, float *y_re,
                     float *y_im, float *work) noexcept;
-// [rt] eaec_irfft of two spectra in one complex transform.
+// [rt] eaec_irfft of two spectra in one complex transform, likewise.
 void eaec_irfft_pair(const eaec_fft_plan *p, const float *x_re, const float *x_im, const float *y_re,
                      const float *y_im, float *x, float *y, float *work) noexcept;

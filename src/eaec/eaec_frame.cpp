@@ -28,12 +28,12 @@ constexpr float PROPORTIONATE_SHARE = 0.5f; // of the step, by partition norm
 // The process-wide scratch area: one frame at a time borrows it (the
 // real-time cycle is the only caller), so no frame allocates.
 constexpr int SPECTRA = 13; // per-bin rows below
-constexpr int SCRATCH_FLOATS = EAEC_FFT_WORK + 4 * EAEC_FFT_MAX + SPECTRA * EAEC_KPAD_MAX;
+constexpr int SCRATCH_FLOATS = EAEC_FFT_WORK + 5 * EAEC_FFT_MAX + SPECTRA * EAEC_KPAD_MAX;
 alignas(64) float scratch[SCRATCH_FLOATS];
 
 struct frame_scratch {
     float *work;     // FFT work area
-    float *t0, *t1, *t2, *t3;
+    float *t0, *t1, *t2, *t3, *t4;
     float *y_re, *y_im;   // filter output spectrum
     float *es_re, *es_im; // analysis spectrum of the error
     float *ys_re, *ys_im; // analysis spectrum of the echo estimate
@@ -52,6 +52,7 @@ frame_scratch borrow_scratch()
     f.t1 = q; q += EAEC_FFT_MAX;
     f.t2 = q; q += EAEC_FFT_MAX;
     f.t3 = q; q += EAEC_FFT_MAX;
+    f.t4 = q; q += EAEC_FFT_MAX;
     float **rows[SPECTRA] = {&f.y_re, &f.y_im, &f.es_re, &f.es_im, &f.ys_re,
                              &f.ys_im, &f.g_re, &f.g_im, &f.mu, &f.pe, &f.h_re, &f.h_im, &f.norm};
     for (float **r : rows) {
@@ -61,9 +62,8 @@ frame_scratch borrow_scratch()
     return f;
 }
 
-// Windowed analysis of [previous half, current half] into a spectrum.
-void analyse(const eaec_params *p, const float *prev, const float *cur, float *buf, float *re, float *im,
-             float *work) noexcept
+// Windowed [previous half, current half], zero padded, for an analysis.
+void windowed(const eaec_params *p, const float *prev, const float *cur, float *buf) noexcept
 {
     const int n = p->hop;
     for (int i = 0; i < n; i++) {
@@ -72,9 +72,6 @@ void analyse(const eaec_params *p, const float *prev, const float *cur, float *b
     }
     for (int i = p->win; i < p->nfft; i++)
         buf[i] = 0.0f;
-    eaec_rfft(&p->fft, buf, re, im, work);
-    for (int k = p->nbin; k < p->kpad; k++)
-        re[k] = im[k] = 0.0f; // the per-bin loops run over the padding too
 }
 
 // Fast approximations for the output filter, relative error about 1e-6
@@ -216,8 +213,7 @@ void output_stage(const eaec_params *p, eaec_chan *c, const float *e, const floa
         xr[k] = c->h_re[k] * ur - c->h_im[k] * ui + cr;
         xi[k] = c->h_re[k] * ui + c->h_im[k] * ur + ci;
     }
-    eaec_irfft(&p->fft, yr, yi, f.t2, f.work);
-    eaec_irfft(&p->fft, xr, xi, f.t1, f.work);
+    eaec_irfft_pair(&p->fft, yr, yi, xr, xi, f.t2, f.t1, f.work);
     const float *now = f.t2 + (m - n), *before = f.t1 + (m - n);
     for (int i = 0; i < n; i++) {
         const float r = p->window[i] * p->window[i]; // rises from 0 to 1 over the frame
@@ -239,7 +235,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     // weights only while they do clearly better.
     afilt_part_gains(p, c, PROPORTIONATE_SHARE);
     afilt_echo_spectra(p, s, c, f.y_re, f.y_im, f.g_re, f.g_im, f.norm);
-    eaec_irfft(&p->fft, f.y_re, f.y_im, f.t0, f.work);
+    eaec_irfft_pair(&p->fft, f.y_re, f.y_im, f.g_re, f.g_im, f.t0, f.t4, f.work); // background's, foreground's
     float *eb = f.t3, *e = f.t1;
     float en_b = 0.0f, en_f = 0.0f, en_d = 0.0f;
     for (int i = 0; i < n; i++) {
@@ -248,8 +244,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
         en_b += eb[i] * eb[i];
         en_d += d * d;
     }
-    eaec_irfft(&p->fft, f.g_re, f.g_im, f.t0, f.work); // the foreground's
-    float *yhat = f.t0 + (m - n);
+    float *yhat = f.t4 + (m - n);
     for (int i = 0; i < n; i++) {
         e[i] = float(mic[i]) * PCM_IN - yhat[i];
         en_f += e[i] * e[i];
@@ -289,8 +284,11 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
         }
     }
 
-    analyse(p, c->e_hist + (m - 2 * n), e, f.t2, f.es_re, f.es_im, f.work);
-    analyse(p, c->y_hist, yhat, f.t2, f.ys_re, f.ys_im, f.work);
+    windowed(p, c->e_hist + (m - 2 * n), e, f.t2);
+    windowed(p, c->y_hist, yhat, f.t0);
+    eaec_rfft_pair(&p->fft, f.t2, f.t0, f.es_re, f.es_im, f.ys_re, f.ys_im, f.work);
+    for (int k = nb; k < p->kpad; k++)
+        f.es_re[k] = f.es_im[k] = f.ys_re[k] = f.ys_im[k] = 0.0f; // the per-bin loops run over the padding too
     std::memcpy(c->y_hist, yhat, sizeof(float) * size_t(n));
     int delay = s->dl.delay;
     if (ch == 0) {

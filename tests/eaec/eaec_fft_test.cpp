@@ -8,8 +8,9 @@
 
 // Two signals through the single transforms (j = 0, 1) and through the
 // pair (j = 2, 3): forward against a direct transform in double precision,
-// then back to the signals. On the board this checks the NEON kernels
-// against plain arithmetic.
+// then back to the signals; at 512 points the second signal is silence,
+// which must come out exactly zero from the pair too. On the board this
+// checks the NEON kernels against plain arithmetic.
 TEST(EaecFft, MatchesDirectTransformAndInverts)
 {
     eaec_fft_plan plan{};
@@ -21,7 +22,7 @@ TEST(EaecFft, MatchesDirectTransformAndInverts)
         for (int j = 0; j < 4; j++) {
             x[j % 2].resize(size_t(n));
             for (float &v : x[j % 2])
-                v = float(int32_t(seed = seed * 1664525u + 1013904223u) >> 8) / 8388608.0f;
+                v = n == 512 && j % 2 ? 0.0f : float(int32_t(seed = seed * 1664525u + 1013904223u) >> 8) / 8388608.0f;
             re[j].resize(size_t(n / 2 + 1));
             im[j].resize(re[j].size());
             y[j].resize(size_t(n));
@@ -38,7 +39,7 @@ TEST(EaecFft, MatchesDirectTransformAndInverts)
                 err += std::norm(std::complex<double>(re[j][k], im[j][k]) - dft);
                 ref += std::norm(dft);
             }
-            EXPECT_LT(10.0 * std::log10(err / ref), -120.0) << n << " transform " << j;
+            EXPECT_LE(err, 1e-12 * ref) << n << " transform " << j; // -120 dB
             im[j][0] = im[j][size_t(n / 2)] = 1.0f; // ignored by the inverses
         }
         eaec_irfft(&plan, re[0].data(), im[0].data(), y[0].data(), work);
@@ -46,6 +47,6 @@ TEST(EaecFft, MatchesDirectTransformAndInverts)
         eaec_irfft_pair(&plan, re[2].data(), im[2].data(), re[3].data(), im[3].data(), y[2].data(), y[3].data(), work);
         for (int j = 0; j < 4; j++)
             for (size_t t = 0; t < size_t(n); t++)
-                ASSERT_NEAR(y[j][t], x[j % 2][t], 1e-6f) << n << " inverse " << j << " sample " << t;
+                ASSERT_NEAR(y[j][t], x[j % 2][t], n == 512 && j % 2 ? 0.0f : 1e-6f) << n << " inverse " << j << " sample " << t;
     }
 }
