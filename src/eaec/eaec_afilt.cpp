@@ -96,17 +96,25 @@ void afilt_copy(const eaec_params *p, const float *from_re, const float *from_im
     std::memcpy(to_im, from_im, bytes);
 }
 
-void afilt_constrain(const eaec_params *p, eaec_chan *c, float *taps, float *fw) noexcept
+void afilt_constrain_rows(const eaec_params *p, eaec_chan *c, float **re, float **im) noexcept
 {
-    const int kp = p->kpad, part = c->part_next;
-    float *wr = c->w_re + part * kp, *wi = c->w_im + part * kp;
-    eaec_irfft(&p->fft, wr, wi, taps, fw);
+    *re = c->w_re + c->part_next * p->kpad;
+    *im = c->w_im + c->part_next * p->kpad;
+}
+
+void afilt_constrain_cut(const eaec_params *p, float *taps) noexcept
+{
     for (int t = p->hop; t < p->nfft; t++)
         taps[t] = 0.0f;
-    eaec_rfft(&p->fft, taps, wr, wi, fw);
-    for (int k = p->kadapt; k < kp; k++)
+}
+
+void afilt_constrain_done(const eaec_params *p, eaec_chan *c) noexcept
+{
+    float *wr, *wi;
+    afilt_constrain_rows(p, c, &wr, &wi);
+    for (int k = p->kadapt; k < p->kpad; k++)
         wr[k] = wi[k] = 0.0f; // the cut spreads into bins the filter leaves alone
-    c->part_next = part + 1 < p->npart ? part + 1 : 0;
+    c->part_next = c->part_next + 1 < p->npart ? c->part_next + 1 : 0;
 }
 
 void afilt_scale(const eaec_params *p, float *w_re, float *w_im, float g) noexcept

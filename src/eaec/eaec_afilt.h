@@ -23,10 +23,16 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
 // [rt] Partition gains from the background's partition norms: a fraction
 // `share` in proportion to the norms, the rest even; they sum to 1.
 void afilt_part_gains(const eaec_params *p, eaec_chan *c, float share) noexcept;
-// [rt] Cuts partition c->part_next back to N taps (the gradient leaves it
-// circular) and moves on to the next one. taps: M floats; fft_work:
-// EAEC_FFT_WORK floats.
-void afilt_constrain(const eaec_params *p, eaec_chan *c, float *taps, float *fft_work) noexcept;
+// [rt] Cuts one partition a frame back to N taps (the gradient leaves it
+// circular), in three steps around the caller's transforms, so they can
+// share a transform with other work: afilt_constrain_rows names the
+// partition's spectrum (c->part_next), which the caller transforms to M
+// taps; afilt_constrain_cut zeroes all but the first N of them; the caller
+// transforms them back into the rows, and afilt_constrain_done clears the
+// bins the filter leaves alone and moves on to the next partition.
+void afilt_constrain_rows(const eaec_params *p, eaec_chan *c, float **re, float **im) noexcept;
+void afilt_constrain_cut(const eaec_params *p, float *taps) noexcept;
+void afilt_constrain_done(const eaec_params *p, eaec_chan *c) noexcept;
 // [rt] Scales every partition of w by g (a reset with g = 0).
 void afilt_scale(const eaec_params *p, float *w_re, float *w_im, float g) noexcept;
 // [rt] Moves the filter `by` partitions towards the newest far end (its

@@ -77,6 +77,8 @@ struct eaec_chan {
     alignas(16) float r_ey[EAEC_KPAD_MAX], r_yy[EAEC_KPAD_MAX]; // leak regression
     alignas(16) float noise[EAEC_KPAD_MAX];        // noise power estimate
     alignas(16) float leak_bin[EAEC_KPAD_MAX];     // leak per bin (by bands)
+    alignas(16) float unc[EAEC_KPAD_MAX];          // power gain of the echo path not learnt since a path change
+    alignas(16) float unc_echo[EAEC_KPAD_MAX];     // ... times the far end: residual echo for the suppressor
     alignas(16) float sxx[EAEC_LAGS][EAEC_KPAD_MAX];    // far-end power, per lag in frames
     alignas(16) float sxe_re[EAEC_LAGS][EAEC_KPAD_MAX]; // far-end/error cross spectrum
     alignas(16) float sxe_im[EAEC_LAGS][EAEC_KPAD_MAX];

@@ -1,8 +1,11 @@
 #include "eaec/eaec_afilt.h"
 #include "eaec/eaec_core.h"
 #include "eaec/eaec_supp.h"
+#include "eaec/eaec_v4.h"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -21,19 +24,19 @@ constexpr float TWO_PATH_HARM = 1.2f;   // both 0.8 dB above the microphone ...
 constexpr int TWO_PATH_HARM_FRAMES = 5; // ... for this many far-active frames: restart the background
 constexpr int BOOST_FRAMES = 50;        // far-active frames of starting steps (start, path change)
 constexpr float LOCKED = 10.0f;         // the foreground takes 10 dB off the microphone
-constexpr int CONSTRAIN_PER_FRAME = 1;  // partitions cut back to N taps per frame
 constexpr int FAR_HANGOVER = 30;       // frames the far end counts as talking after it stops
 constexpr float PROPORTIONATE_SHARE = 0.5f; // of the step, by partition norm
+constexpr float UNC_RATE = 0.6f; // the filter's learning against a white far end's (see unc_learn)
 
 // The process-wide scratch area: one frame at a time borrows it (the
 // real-time cycle is the only caller), so no frame allocates.
-constexpr int SPECTRA = 13; // per-bin rows below
-constexpr int SCRATCH_FLOATS = EAEC_FFT_WORK + 5 * EAEC_FFT_MAX + SPECTRA * EAEC_KPAD_MAX;
+constexpr int SPECTRA = 14; // per-bin rows below
+constexpr int SCRATCH_FLOATS = EAEC_FFT_WORK + 4 * EAEC_FFT_MAX + SPECTRA * EAEC_KPAD_MAX;
 alignas(64) float scratch[SCRATCH_FLOATS];
 
 struct frame_scratch {
     float *work;     // FFT work area
-    float *t0, *t1, *t2, *t3, *t4;
+    float *t0, *t1, *t2, *t3;
     float *y_re, *y_im;   // filter output spectrum
     float *es_re, *es_im; // analysis spectrum of the error
     float *ys_re, *ys_im; // analysis spectrum of the echo estimate
@@ -41,6 +44,7 @@ struct frame_scratch {
     float *mu, *pe;
     float *h_re, *h_im;   // this frame's output filter
     float *norm;          // the background step's normaliser
+    float *gain;          // the suppressor's gain
 };
 
 frame_scratch borrow_scratch()
@@ -52,9 +56,8 @@ frame_scratch borrow_scratch()
     f.t1 = q; q += EAEC_FFT_MAX;
     f.t2 = q; q += EAEC_FFT_MAX;
     f.t3 = q; q += EAEC_FFT_MAX;
-    f.t4 = q; q += EAEC_FFT_MAX;
     float **rows[SPECTRA] = {&f.y_re, &f.y_im, &f.es_re, &f.es_im, &f.ys_re,
-                             &f.ys_im, &f.g_re, &f.g_im, &f.mu, &f.pe, &f.h_re, &f.h_im, &f.norm};
+                             &f.ys_im, &f.g_re, &f.g_im, &f.mu, &f.pe, &f.h_re, &f.h_im, &f.norm, &f.gain};
     for (float **r : rows) {
         *r = q;
         q += EAEC_KPAD_MAX;
@@ -62,52 +65,71 @@ frame_scratch borrow_scratch()
     return f;
 }
 
-// Windowed [previous half, current half], zero padded, for an analysis.
-void windowed(const eaec_params *p, const float *prev, const float *cur, float *buf) noexcept
+// Two real transforms of M points (two signals, two spectra) in one
+// complex transform.
+void rfft_two(const eaec_params *p, const float *x, const float *y, float *x_re, float *x_im, float *y_re,
+              float *y_im, float *work) noexcept
+{
+    eaec_rfft_pair(&p->fft, x, y, x_re, x_im, y_re, y_im, work);
+}
+
+void irfft_two(const eaec_params *p, const float *x_re, const float *x_im, const float *y_re, const float *y_im,
+               float *x, float *y, float *work) noexcept
+{
+    eaec_irfft_pair(&p->fft, x_re, x_im, y_re, y_im, x, y, work);
+}
+
+// Windowed analysis of [previous half, current half] of two signals (a
+// and b) into their spectra; buf_a, buf_b: M floats each.
+void analyse(const eaec_params *p, const float *a_prev, const float *a, const float *b_prev, const float *b,
+             float *buf_a, float *buf_b, float *a_re, float *a_im, float *b_re, float *b_im, float *work) noexcept
 {
     const int n = p->hop;
     for (int i = 0; i < n; i++) {
-        buf[i] = prev[i] * p->window[i];
-        buf[n + i] = cur[i] * p->window[n + i];
+        buf_a[i] = a_prev[i] * p->window[i];
+        buf_a[n + i] = a[i] * p->window[n + i];
+        buf_b[i] = b_prev[i] * p->window[i];
+        buf_b[n + i] = b[i] * p->window[n + i];
     }
     for (int i = p->win; i < p->nfft; i++)
-        buf[i] = 0.0f;
+        buf_a[i] = buf_b[i] = 0.0f;
+    rfft_two(p, buf_a, buf_b, a_re, a_im, b_re, b_im, work);
+    for (int k = p->nbin; k < p->kpad; k++)
+        a_re[k] = a_im[k] = b_re[k] = b_im[k] = 0.0f; // the per-bin loops run over the padding too
 }
 
 // Fast approximations for the output filter, relative error about 1e-6
-// over the ranges used there.
-float fast_ln(float x) noexcept // x normal and > 0
+// over the ranges used there. Branch-free, so the per-bin loops that call
+// them run four bins at a time.
+inline float fast_ln(float x) noexcept // x normal and > 0
 {
-    uint32_t i;
-    std::memcpy(&i, &x, sizeof i);
-    const float e = float(int((i >> 23) & 255u) - 127);
-    i = (i & 0x7FFFFFu) | 0x3F800000u; // mantissa in [1, 2)
-    float m;
-    std::memcpy(&m, &i, sizeof m);
-    float ex = e;
-    if (m > 1.41421356f) { // into [0.707, 1.414), where the series converges faster
-        m *= 0.5f;
-        ex += 1.0f;
-    }
+    const uint32_t i = std::bit_cast<uint32_t>(x);
+    const float m0 = std::bit_cast<float>((i & 0x7FFFFFu) | 0x3F800000u); // mantissa in [1, 2)
+    // Into [0.707, 1.414), where the series converges faster.
+    const bool big = m0 > 1.41421356f;
+    const float m = big ? 0.5f * m0 : m0;
+    const float ex = float(int((i >> 23) & 255u) - (big ? 126 : 127));
     const float t = (m - 1.0f) / (m + 1.0f), t2 = t * t;
     return ex * 0.69314718f + 2.0f * t * (1.0f + t2 * (1.0f / 3.0f + t2 * (0.2f + t2 * (1.0f / 7.0f + t2 * (1.0f / 9.0f)))));
 }
 
-float fast_exp(float y) noexcept // y in [-80, 80]
+inline float fast_exp(float y) noexcept // y in [-80, 0]
 {
-    const float z = y * 1.44269504f, fl = std::floor(z), fr = (z - fl) * 0.69314718f;
+    const float z = y * 1.44269504f;
+    const int zi = int(z);                  // towards zero
+    const int fi = zi - int(float(zi) > z); // floor
+    const float fr = (z - float(fi)) * 0.69314718f;
     const float poly = 1.0f + fr * (1.0f + fr * (0.5f + fr * (1.0f / 6.0f + fr * (1.0f / 24.0f + fr * (1.0f / 120.0f + fr * (1.0f / 720.0f))))));
-    const uint32_t bits = uint32_t(int(fl) + 127) << 23;
-    float scale;
-    std::memcpy(&scale, &bits, sizeof scale);
-    return poly * scale;
+    return poly * std::bit_cast<float>(uint32_t(fi + 127) << 23);
 }
 
-// sin and cos of any finite r: reduced to [-pi, pi], then from the half angle.
-void fast_sincos(float r, float *sn, float *cs) noexcept
+// sin and cos of r in [-1e6, 1e6]: reduced to [-pi, pi], then from the half angle.
+inline void fast_sincos(float r, float *sn, float *cs) noexcept
 {
     constexpr float TWO_PI = 6.28318531f;
-    const float h = 0.5f * (r - TWO_PI * std::nearbyint(r * (1.0f / TWO_PI))), h2 = h * h;
+    const float q = r * (1.0f / TWO_PI) + 0.5f;
+    const int qi = int(q);
+    const float h = 0.5f * (r - TWO_PI * float(qi - int(float(qi) > q))), h2 = h * h; // r - the nearest turn
     const float s = h * (1.0f - h2 * (1.0f / 6.0f - h2 * (1.0f / 120.0f - h2 * (1.0f / 5040.0f - h2 * (1.0f / 362880.0f)))));
     const float c = 1.0f - h2 * (0.5f - h2 * (1.0f / 24.0f - h2 * (1.0f / 720.0f - h2 * (1.0f / 40320.0f))));
     *sn = 2.0f * s * c;
@@ -119,38 +141,59 @@ constexpr float GAIN_MIN = 1e-5f; // -100 dB: below every configured floor
 // The minimum-phase filter whose magnitude is gain: the log magnitude's
 // real cepstrum folded onto positive quefrencies, transformed back and
 // exponentiated. A short causal filter, so applying it adds no delay.
-void min_phase(const eaec_params *p, const float *gain, float *h_re, float *h_im, float *t, float *work) noexcept
+// Three steps around the caller's transforms: the log gain into h (then
+// an inverse transform to the cepstrum t), the fold of t (then a forward
+// transform back into h), and the exponential of h.
+void min_phase_log(const eaec_params *p, const float *gain, float *h_re, float *h_im) noexcept
 {
-    const int m = p->nfft, nb = p->nbin;
-    for (int k = 0; k < nb; k++) {
+    for (int k = 0; k < p->kpad; k++) {
         const float g = gain[k];
         h_re[k] = fast_ln(g > GAIN_MIN ? (g < 1.0f ? g : 1.0f) : GAIN_MIN);
         h_im[k] = 0.0f;
     }
-    eaec_irfft(&p->fft, h_re, h_im, t, work);
+}
+
+void min_phase_fold(const eaec_params *p, float *t) noexcept
+{
+    const int m = p->nfft;
     for (int i = 1; i < m / 2; i++)
         t[i] *= 2.0f;
     for (int i = m / 2 + 1; i < m; i++)
         t[i] = 0.0f;
-    eaec_rfft(&p->fft, t, h_re, h_im, work);
-    for (int k = 0; k < nb; k++) {
+}
+
+void min_phase_exp(const eaec_params *p, float *h_re, float *h_im) noexcept
+{
+    for (int k = 0; k < p->kpad; k++) {
         float sn, cs;
-        const float a = fast_exp(h_re[k] < 0.0f ? h_re[k] : 0.0f);
+        const float a = fast_exp(std::min(h_re[k], 0.0f));
         fast_sincos(h_im[k], &sn, &cs);
         h_re[k] = a * cs;
         h_im[k] = a * sn;
     }
-    for (int k = nb; k < p->kpad; k++)
+    for (int k = p->nbin; k < p->kpad; k++)
         h_re[k] = h_im[k] = 0.0f;
 }
 
-uint32_t lcg(uint32_t &r)
+constexpr uint32_t lcg(uint32_t &r)
 {
     r = r * 1664525u + 1013904223u;
     return r;
 }
-// Uniform in [-1, 1).
-float uniform(uint32_t &r) { return float(int32_t(lcg(r))) * (1.0f / 2147483648.0f); }
+
+// Comfort noise: two tables of uniform values in [-1, 1), made by the
+// compiler; every frame reads them from a random offset, four bins at a
+// time.
+constexpr int NOISE_TABLE = 4096;
+using noise_table = std::array<float, NOISE_TABLE + EAEC_KPAD_MAX>;
+constexpr noise_table make_noise(uint32_t r)
+{
+    noise_table t{};
+    for (float &v : t)
+        v = float(int32_t(lcg(r))) * (1.0f / 2147483648.0f);
+    return t;
+}
+alignas(16) constexpr noise_table noise_re = make_noise(0x6D2B79F5u), noise_im = make_noise(0x2545F491u);
 
 int16_t to_pcm(float v) noexcept
 {
@@ -183,37 +226,33 @@ void chan_reset(const eaec_params *p, eaec_chan *c, int index)
         c->noise[k] = 1.0f; // falls to the first frames' level at once
 }
 
-// Applies this frame's gain to the error e[0..n-1] without delay: the
-// minimum-phase filters of this frame and of the previous one run over the
-// last M error samples (overlap-save), with the same comfort noise added,
-// and their outputs are cross-faded over the frame.
-void output_stage(const eaec_params *p, eaec_chan *c, const float *e, const float *gain, const float *comfort,
-                  INT_PCM *out, const frame_scratch &f) noexcept
+// Applies this frame's output filter (f.h_re, f.h_im) to the error
+// without delay: it and the previous frame's filter run over the last M
+// error samples (overlap-save; their spectrum in f.es_re, f.es_im, used
+// up), with the same comfort noise added, and their outputs are
+// cross-faded over the frame.
+void output_stage(const eaec_params *p, eaec_chan *c, const float *comfort, INT_PCM *out,
+                  const frame_scratch &f) noexcept
 {
-    const int n = p->hop, m = p->nfft, nb = p->nbin;
-    min_phase(p, gain, f.h_re, f.h_im, f.t2, f.work);
-    std::memcpy(f.t2, c->e_hist, sizeof(float) * size_t(m - n));
-    std::memcpy(f.t2 + (m - n), e, sizeof(float) * size_t(n));
-    std::memmove(c->e_hist, f.t2 + n, sizeof(float) * size_t(m - n));
-    float *xr = f.es_re, *xi = f.es_im, *yr = f.ys_re, *yi = f.ys_im; // the analysis spectra are used
-    eaec_rfft(&p->fft, f.t2, xr, xi, f.work);
+    const int n = p->hop, m = p->nfft;
+    float *xr = f.es_re, *xi = f.es_im, *yr = f.ys_re, *yi = f.ys_im;
     // Uniform components have power 1/3 each; the analysis window's power
     // is N, this block's M.
     const float cscale = 1.5f * float(m) / float(n);
-    for (int k = 0; k < nb; k++) {
-        float cr = 0.0f, ci = 0.0f;
-        if (comfort[k] > 0.0f) {
-            const float a = std::sqrt(cscale * comfort[k]);
-            cr = a * uniform(c->rng);
-            ci = a * uniform(c->rng);
-        }
-        const float ur = xr[k], ui = xi[k];
-        yr[k] = f.h_re[k] * ur - f.h_im[k] * ui + cr;
-        yi[k] = f.h_re[k] * ui + f.h_im[k] * ur + ci;
-        xr[k] = c->h_re[k] * ur - c->h_im[k] * ui + cr;
-        xi[k] = c->h_re[k] * ui + c->h_im[k] * ur + ci;
+    const int off = int(lcg(c->rng) >> 20); // below NOISE_TABLE
+    const float *nr = noise_re.data() + off, *ni = noise_im.data() + off;
+    const v4 cs = v4_dup(cscale);
+    for (int k = 0; k < p->kpad; k += 4) {
+        const v4 a = v4_sqrt(v4_mul(cs, v4_load(comfort + k))); // comfort >= 0
+        const v4 cr = v4_mul(a, v4_loadu(nr + k)), ci = v4_mul(a, v4_loadu(ni + k));
+        const v4 ur = v4_load(xr + k), ui = v4_load(xi + k);
+        const v4 hr = v4_load(f.h_re + k), hi = v4_load(f.h_im + k), gr = v4_load(c->h_re + k), gi = v4_load(c->h_im + k);
+        v4_store(yr + k, v4_add(v4_mms(hr, ur, hi, ui), cr));
+        v4_store(yi + k, v4_add(v4_mma(hr, ui, hi, ur), ci));
+        v4_store(xr + k, v4_add(v4_mms(gr, ur, gi, ui), cr));
+        v4_store(xi + k, v4_add(v4_mma(gr, ui, gi, ur), ci));
     }
-    eaec_irfft_pair(&p->fft, yr, yi, xr, xi, f.t2, f.t1, f.work);
+    irfft_two(p, yr, yi, xr, xi, f.t2, f.t1, f.work);
     const float *now = f.t2 + (m - n), *before = f.t1 + (m - n);
     for (int i = 0; i < n; i++) {
         const float r = p->window[i] * p->window[i]; // rises from 0 to 1 over the frame
@@ -221,6 +260,37 @@ void output_stage(const eaec_params *p, eaec_chan *c, const float *e, const floa
     }
     std::memcpy(c->h_re, f.h_re, sizeof(float) * size_t(p->kpad));
     std::memcpy(c->h_im, f.h_im, sizeof(float) * size_t(p->kpad));
+}
+
+// After an echo-path change the new path is taken to be as strong as the
+// old one, and none of it known: the old foreground's power gain per bin.
+void unc_restart(const eaec_params *p, eaec_chan *c) noexcept
+{
+    const int kp = p->kpad;
+    std::memset(c->unc, 0, sizeof c->unc);
+    for (int part = 0; part < p->npart; part++) {
+        const float *re = c->f_re + part * kp, *im = c->f_im + part * kp;
+        for (int k = 0; k < kp; k++)
+            c->unc[k] += re[k] * re[k] + im[k] * im[k];
+    }
+}
+
+// Each adapting frame learns a share of what is unknown: for a white far
+// end standing well above the step's regularisation (the bin's noise),
+// mu (2 - mu) / P of it; speech's colour and the proportionate step make
+// the filter slower, UNC_RATE of that. The echo left unknown is what the
+// filter has not learnt times the far end in its window (mu: null while
+// the far end is silent, when nothing is learnt).
+void unc_learn(const eaec_params *p, eaec_chan *c, const float *mu, const float *norm) noexcept
+{
+    const float np = float(p->npart), inv_p = 1.0f / np;
+    for (int k = 0; k < p->kpad; k++) {
+        if (mu) {
+            const float excite = norm[k] / (norm[k] + inv_p * (p->reg + p->reg_noise * c->noise[k]));
+            c->unc[k] *= 1.0f - UNC_RATE * mu[k] * (2.0f - mu[k]) * inv_p * excite;
+        }
+        c->unc_echo[k] = c->unc[k] * np * norm[k];
+    }
 }
 
 // Returns the filter delay the delay estimator asks for (channel 0 only,
@@ -235,16 +305,16 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     // weights only while they do clearly better.
     afilt_part_gains(p, c, PROPORTIONATE_SHARE);
     afilt_echo_spectra(p, s, c, f.y_re, f.y_im, f.g_re, f.g_im, f.norm);
-    eaec_irfft_pair(&p->fft, f.y_re, f.y_im, f.g_re, f.g_im, f.t0, f.t4, f.work); // background's, foreground's
+    irfft_two(p, f.y_re, f.y_im, f.g_re, f.g_im, f.t2, f.t0, f.work); // the background's, the foreground's
     float *eb = f.t3, *e = f.t1;
     float en_b = 0.0f, en_f = 0.0f, en_d = 0.0f;
     for (int i = 0; i < n; i++) {
         const float d = float(mic[i]) * PCM_IN;
-        eb[i] = d - f.t0[m - n + i];
+        eb[i] = d - f.t2[m - n + i];
         en_b += eb[i] * eb[i];
         en_d += d * d;
     }
-    float *yhat = f.t4 + (m - n);
+    float *yhat = f.t0 + (m - n);
     for (int i = 0; i < n; i++) {
         e[i] = float(mic[i]) * PCM_IN - yhat[i];
         en_f += e[i] * e[i];
@@ -276,6 +346,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
             c->harm_frames = 0;
             c->was_locked = 0;
             c->boost_frames = BOOST_FRAMES;
+            unc_restart(p, c);
         } else if (c->err_bg > TWO_PATH_WORSE * c->err_fg) {
             // Double talk pulled the background away: restart it from the
             // foreground.
@@ -284,11 +355,8 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
         }
     }
 
-    windowed(p, c->e_hist + (m - 2 * n), e, f.t2);
-    windowed(p, c->y_hist, yhat, f.t0);
-    eaec_rfft_pair(&p->fft, f.t2, f.t0, f.es_re, f.es_im, f.ys_re, f.ys_im, f.work);
-    for (int k = nb; k < p->kpad; k++)
-        f.es_re[k] = f.es_im[k] = f.ys_re[k] = f.ys_im[k] = 0.0f; // the per-bin loops run over the padding too
+    analyse(p, c->e_hist + (m - 2 * n), e, c->y_hist, yhat, f.t2, f.y_re, f.es_re, f.es_im, f.ys_re, f.ys_im,
+            f.work);
     std::memcpy(c->y_hist, yhat, sizeof(float) * size_t(n));
     int delay = s->dl.delay;
     if (ch == 0) {
@@ -313,13 +381,20 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
             f.es_re[k] = f.es_im[k] = f.pe[k] = 0.0f;
     }
 
+    // The last M error samples, for the output filter; with the gradient
+    // (the background's error) their transforms go together.
+    float *block = f.t0; // the echo estimates are used
+    std::memcpy(block, c->e_hist, sizeof(float) * size_t(m - n));
+    std::memcpy(block + (m - n), e, sizeof(float) * size_t(n));
+    std::memmove(c->e_hist, block + n, sizeof(float) * size_t(m - n));
     if (far_active) {
-        supp_step(p, c, f.mu);
-        c->boost_frames = std::max(0, c->boost_frames - 1);
         for (int i = 0; i < m - n; i++)
             f.t2[i] = 0.0f;
         std::memcpy(f.t2 + (m - n), eb, sizeof(float) * size_t(n));
-        eaec_rfft(&p->fft, f.t2, f.g_re, f.g_im, f.work);
+        rfft_two(p, f.t2, block, f.g_re, f.g_im, f.es_re, f.es_im, f.work); // the analysis spectra are used
+        supp_step(p, c, f.mu);
+        c->boost_frames = std::max(0, c->boost_frames - 1);
+        unc_learn(p, c, f.mu, f.norm);
         // Bins whose far end lies below the microphone noise carry mostly
         // noise into the gradient: their steps shrink.
         const float *norm = f.norm;
@@ -335,13 +410,31 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
             f.g_re[k] = f.g_im[k] = 0.0f;
         if (afilt_update(p, s, c, f.g_re, f.g_im) != 0)
             afilt_scale(p, c->w_re, c->w_im, 0.0f);
-        for (int q = 0; q < CONSTRAIN_PER_FRAME; q++)
-            afilt_constrain(p, c, f.t2, f.work);
+    } else {
+        eaec_rfft(&p->fft, block, f.es_re, f.es_im, f.work);
+        unc_learn(p, c, nullptr, f.norm);
     }
 
     c->far_hold = far_active ? FAR_HANGOVER : std::max(0, c->far_hold - 1);
-    supp_gain(p, c, f.mu, f.pe, c->far_hold > 0);
-    output_stage(p, c, e, f.mu, f.pe, out, f);
+    supp_gain(p, c, f.gain, f.pe, c->far_hold > 0);
+    // The output filter's design; while the filter adapts, its constraint
+    // shares the transforms.
+    min_phase_log(p, f.gain, f.h_re, f.h_im);
+    if (far_active) {
+        float *wr, *wi;
+        afilt_constrain_rows(p, c, &wr, &wi);
+        irfft_two(p, f.h_re, f.h_im, wr, wi, f.t1, f.t2, f.work);
+        min_phase_fold(p, f.t1);
+        afilt_constrain_cut(p, f.t2);
+        rfft_two(p, f.t1, f.t2, f.h_re, f.h_im, wr, wi, f.work);
+        afilt_constrain_done(p, c);
+    } else {
+        eaec_irfft(&p->fft, f.h_re, f.h_im, f.t1, f.work);
+        min_phase_fold(p, f.t1);
+        eaec_rfft(&p->fft, f.t1, f.h_re, f.h_im, f.work);
+    }
+    min_phase_exp(p, f.h_re, f.h_im);
+    output_stage(p, c, f.pe, out, f);
     return delay;
 }
 } // namespace

@@ -183,8 +183,8 @@ void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe, i
     const v4 spread = v4_dup(SPREAD * c->leak * v4_hsum(syy) / float(kp));
     for (int k = 0; k < kp; k += 4) {
         const v4 s_ee = v4_load(c->s_ee + k), noise = v4_mul(nbias, v4_load(c->noise + k));
-        const v4 echo = v4_min(v4_max(v4_max(v4_mul(v4_mul(lw, v4_load(c->leak_bin + k)), v4_load(c->s_yy + k)),
-                                             v4_mul(cw, v4_load(c->coh_echo + k))), spread), s_ee);
+        const v4 echo = v4_min(v4_max(v4_max(v4_max(v4_mul(v4_mul(lw, v4_load(c->leak_bin + k)), v4_load(c->s_yy + k)),
+                                             v4_mul(cw, v4_load(c->coh_echo + k))), spread), v4_load(c->unc_echo + k)), s_ee);
         const v4 interf = v4_add(v4_add(echo, noise), tiny);
         const v4 post = v4_div(v4_load(pe + k), interf);
         const v4 prio = v4_add(v4_mul(dd, v4_load(c->snr_prev + k)), v4_mul(dd1, v4_max(v4_sub(post, one), zero)));

@@ -3,7 +3,9 @@
 //
 // Residual echo is the largest of the error's part coherent with the far
 // end (found before the filter has converged and after a path change),
-// a broadband floor (leak x the band's mean |Y|^2) and leak x |Y|^2, where
+// the echo of the part of a new path the filter has not learnt yet
+// (unc_echo, kept by the frame), a broadband floor (leak x the band's mean
+// |Y|^2) and leak x |Y|^2, where
 // leak is the regression
 // of the error's power fluctuations on the echo estimate's (near-end
 // speech does not move with the far-end, so it barely enters); noise by

@@ -51,7 +51,7 @@ signal cancel(const signal &spk, const signal &echo, const signal &nearv, double
 // the near end in and out of phase: half the sum of the outputs is the
 // echo left, half the difference the near end that came through. The same
 // room 300 ms away (beyond the adaptive filter's own span) must be found
-// by the delay estimator.
+// by the delay estimator, from the start and when the room moves there.
 TEST(EaecFrame, ConvergesAndKeepsEchoOutInDoubleTalk)
 {
     const size_t n = 6 * SEC;
@@ -70,6 +70,10 @@ TEST(EaecFrame, ConvergesAndKeepsEchoOutInDoubleTalk)
     const signal echo = room(0), away = room(SEC * 3 / 10);
     EXPECT_LE(db_power(cancel(far, away, zero, 0.0), 2 * SEC, 3 * SEC) - db_power(away, 2 * SEC, 3 * SEC), -40.0)
         << "room 300 ms away";
+    signal moved(echo.begin(), echo.begin() + 3 * SEC);
+    moved.insert(moved.end(), away.begin() + 3 * SEC, away.end());
+    EXPECT_LE(db_power(cancel(far, moved, zero, 0.0), 4 * SEC, n) - db_power(moved, 4 * SEC, n), -52.0)
+        << "1-3 s after the room moved 300 ms away";
     for (size_t i = 0; i < 3 * SEC; i++)
         nearv[i] = 0.0;
     const signal a = cancel(far, echo, nearv, 1.0), b = cancel(far, echo, nearv, -1.0);
