@@ -5,6 +5,7 @@
 // smoothed over frames. The echo rises and falls with the far end that made
 // it, whatever its level, colour and the room's reverberation.
 #include "eaec/eaec_core.h"
+#include "eaec/eaec_v4.h"
 
 #include <algorithm>
 #include <cmath>
@@ -73,9 +74,10 @@ int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far
         if (!(d->far_norm[slot] > 0.0f))
             continue;
         const float *ff = d->far_feat[slot];
-        float c = 0.0f;
-        for (int band = 0; band < EAEC_DELAY_BANDS; band++)
-            c += fm[band] * ff[band];
+        v4 acc = v4_dup(0.0f);
+        for (int band = 0; band < EAEC_DELAY_BANDS; band += 4)
+            acc = v4_add(acc, v4_mul(v4_loadu(fm + band), v4_loadu(ff + band)));
+        const float c = v4_hsum(acc);
         d->score[lag] += SCORE_RATE * (c / std::sqrt(nm * d->far_norm[slot]) - d->score[lag]);
     }
     if (++d->updates < WARM_UP)
