@@ -2,7 +2,8 @@
 // it, and the references this build found) on the same synthetic signals
 // in one run; the definitions of the figures are printed with them. Then
 // Google Benchmark times one frame of each. Runs with flush-to-zero and
-// denormals-are-zero, as the real-time context does.
+// denormals-are-zero, as the real-time context does, and sums up the CPU
+// time per frame of each against AEC3's.
 //   aec_bench --frames N [--busy]  runs only our processor for N frames of
 //                          the RT60 400 ms scenario (or, with --busy, of a
 //                          far end that never pauses, the costliest case)
@@ -139,23 +140,27 @@ double band_erle(const std::vector<double> &mic, const std::vector<double> &out,
 
 struct figures {
     int lat;
-    double erle, t10, nst_loss, dt_leak, dt_loss, r10, erle2;
+    double erle, erle_echo, t10, nst_loss, dt_leak, dt_loss, r10, erle2;
 };
 
 figures measure(const aec_backend &b, const aec_scenario &sc)
 {
     const std::vector<double> mic = pcm(sc.mic_plus);
     std::vector<double> a = run(b, sc.spk, sc.mic_plus), m = run(b, sc.spk, sc.mic_minus);
+    std::vector<double> v = run(b, sc.spk, sc.mic_inv);
     figures f{};
     f.lat = latency(mic, a);
     a = shifted(a, f.lat);
     m = shifted(m, f.lat);
-    std::vector<double> near_out(a.size()), rest_out(a.size());
+    v = shifted(v, f.lat);
+    std::vector<double> near_out(a.size()), rest_out(a.size()), echo_out(a.size());
     for (size_t i = 0; i < a.size(); i++) {
         near_out[i] = 0.5 * (a[i] - m[i]);
         rest_out[i] = 0.5 * (a[i] + m[i]);
+        echo_out[i] = 0.5 * (a[i] + v[i]);
     }
     f.erle = db(aec_power(mic, at(2.0), at(tl::fst_end)), aec_power(a, at(2.0), at(tl::fst_end)));
+    f.erle_echo = db(aec_power(sc.echo, at(2.0), at(tl::fst_end)), aec_power(echo_out, at(2.0), at(tl::fst_end)));
     f.t10 = converge(sc, mic, a, 0.0, tl::fst_end, 10.0);
     f.nst_loss = db(aec_power(mic, at(tl::nst_begin), at(tl::nst_end)), aec_power(a, at(tl::nst_begin), at(tl::nst_end)));
     f.dt_leak = cells(rest_out, sc.echo, sc.echo, sc.near, sc.noise, tl::dt_begin, tl::change, 30.0);
@@ -222,12 +227,13 @@ void print_quality(const std::vector<aec_backend> &backends, const aec_scenario 
         printf("\nRoom RT60 %.0f ms (ERL 8 dB, noise -65 dBFS; linear limit %.1f dB)\n", sc.rt60 * 1000.0,
                db(aec_power(sc.echo, at(2.0), at(tl::fst_end)) + aec_power(sc.noise, at(2.0), at(tl::fst_end)),
                   aec_power(sc.noise, at(2.0), at(tl::fst_end))));
-        printf("%-15s %6s %7s %7s %9s %8s %8s %7s %9s\n", "canceller", "lat ms", "ERLE dB", "t10 s", "NST loss",
-               "DT leak", "DT loss", "r10 s", "ERLE2 dB");
+        printf("%-15s %6s %7s %9s %7s %9s %8s %8s %7s %9s\n", "canceller", "lat ms", "ERLE dB", "echo ERLE",
+               "t10 s", "NST loss", "DT leak", "DT loss", "r10 s", "ERLE2 dB");
         for (const aec_backend &b : backends) {
             const figures f = measure(b, sc);
-            printf("%-15s %6.1f %7.1f %7.2f %9.2f %8.1f %8.2f %7.2f %9.1f\n", b.name, f.lat * 1000.0 / AEC_RATE,
-                   f.erle, f.t10, f.nst_loss, f.dt_leak, f.dt_loss, f.r10, f.erle2);
+            printf("%-15s %6.1f %7.1f %9.1f %7.2f %9.2f %8.1f %8.2f %7.2f %9.1f\n", b.name,
+                   f.lat * 1000.0 / AEC_RATE, f.erle, f.erle_echo, f.t10, f.nst_loss, f.dt_leak, f.dt_loss, f.r10,
+                   f.erle2);
         }
     }
     const aec_scenario sat = aec_make_scenario(0.15, 1, {2.5, 480, false});
@@ -245,7 +251,9 @@ void print_quality(const std::vector<aec_backend> &backends, const aec_scenario 
     }
     printf("\nlat ms: output delay of the frame processor (best match of output and microphone, near end alone).\n"
            "The output is advanced by it before the figures below.\n"
-           "ERLE: mic/out power, far-end single talk 2..8 s (noise suppression included). t10: from start until\n"
+           "ERLE: mic/out power, far-end single talk 2..8 s (noise suppression included). echo ERLE: echo power\n"
+           "in the mic over the echo left in the output, 2..8 s: half the sum of the outputs of the run and of a\n"
+           "run with near end and noise inverted (noise suppression not counted). t10: from start until\n"
            "10 dB holds for 0.5 s in 200 ms windows. NST loss: mic/out power, near end alone 8.5..12 s.\n"
            "DT leak: double talk 12.5..18 s, echo+noise left in the output (half the sum of the runs with the\n"
            "near end in and out of phase) against the echo, in the 20 ms Hann cells where the echo is 30 dB\n"
@@ -275,6 +283,50 @@ void bm_frame(benchmark::State &state, aec_backend b)
     }
     b.destroy(h);
 }
+
+// Google Benchmark's console output, and the CPU time per frame of each
+// canceller kept for the summary after it.
+class frame_times : public benchmark::ConsoleReporter {
+public:
+    std::vector<std::pair<std::string, double>> us; // frame/<name>, mean of the repetitions
+    void ReportRuns(const std::vector<Run> &runs) override
+    {
+        for (const Run &r : runs) {
+            if (r.run_type != Run::RT_Iteration)
+                continue;
+            const std::string name = r.run_name.function_name;
+            auto it = std::find_if(us.begin(), us.end(), [&](const auto &e) { return e.first == name; });
+            if (it == us.end()) {
+                us.push_back({name, 0.0});
+                it = us.end() - 1;
+                counts.push_back(0);
+            }
+            const size_t i = size_t(it - us.begin());
+            it->second = (it->second * counts[i] + r.GetAdjustedCPUTime()) / (counts[i] + 1);
+            counts[i]++;
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+
+    // µs per frame and the ratio to AEC3's, all from this run.
+    void summary() const
+    {
+        double aec3 = 0.0;
+        for (const auto &e : us)
+            if (e.first.find("AEC3") != std::string::npos)
+                aec3 = e.second;
+        printf("\n%-21s %12s %12s\n", "CPU time per frame", "us", "/ AEC3");
+        for (const auto &e : us) {
+            if (aec3 > 0.0)
+                printf("%-21s %12.1f %12.2f\n", e.first.c_str(), e.second, e.second / aec3);
+            else
+                printf("%-21s %12.1f %12s\n", e.first.c_str(), e.second, "-");
+        }
+    }
+
+private:
+    std::vector<int> counts;
+};
 } // namespace
 
 int main(int argc, char **argv)
@@ -318,7 +370,9 @@ int main(int argc, char **argv)
         benchmark::RegisterBenchmark((std::string("frame/") + b.name).c_str(), bm_frame, b)
             ->Unit(benchmark::kMicrosecond);
     benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
+    frame_times times;
+    benchmark::RunSpecifiedBenchmarks(&times);
+    times.summary();
     benchmark::Shutdown();
     return 0;
 }

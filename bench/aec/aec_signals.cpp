@@ -218,14 +218,16 @@ aec_scenario aec_make_scenario(double rt60, uint32_t seed, const aec_variant &v)
         sc.echo[size_t(i)] = g * (i < at(tl::change) ? e1[size_t(i)] : e2[size_t(i)]);
     sc.noise = aec_white(seed + 3, n, -65.0);
     sc.near = nearv;
-    std::vector<double> mp(static_cast<size_t>(n)), mm(static_cast<size_t>(n));
+    std::vector<double> mp(static_cast<size_t>(n)), mm(static_cast<size_t>(n)), mi(static_cast<size_t>(n));
     for (size_t i = 0; i < size_t(n); i++) {
         mp[i] = sc.echo[i] + sc.near[i] + sc.noise[i];
         mm[i] = sc.echo[i] - sc.near[i] + sc.noise[i];
+        mi[i] = sc.echo[i] - sc.near[i] - sc.noise[i];
     }
     sc.spk = to_pcm(far);
     sc.mic_plus = to_pcm(mp);
     sc.mic_minus = to_pcm(mm);
+    sc.mic_inv = to_pcm(mi);
     // Far-end activity: a 20 ms envelope above -60 dBFS.
     sc.far_active.assign(size_t(n), 0);
     double env = 0.0;

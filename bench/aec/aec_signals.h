@@ -37,6 +37,7 @@ struct aec_scenario {
     std::vector<int16_t> spk;       // loudspeaker reference
     std::vector<int16_t> mic_plus;  // echo + near + noise
     std::vector<int16_t> mic_minus; // echo - near + noise (phase-inversion pair)
+    std::vector<int16_t> mic_inv;   // echo - near - noise (its pair leaves the echo alone)
     std::vector<double> echo, near, noise;
     std::vector<uint8_t> far_active; // per sample: far end speaking (for convergence windows)
 };

@@ -1,19 +1,35 @@
 // Real-input FFT of the echo canceller: 256, 512 or 1024 points, computed
-// as a half-length complex FFT (radix-4 Stockham stages, one radix-2 stage
-// when needed) on split real/imaginary arrays, so every inner loop runs
-// over contiguous floats (four NEON lanes at a time).
+// as a half-length complex FFT on split real/imaginary arrays, so every
+// inner loop runs over contiguous floats (four NEON lanes at a time). The
+// complex transforms are Stockham stages of radix 8 (radix 4 where the
+// length asks for it), the last one without twiddles. Two real signals can
+// go through one full-length complex transform together (x + i y), the
+// spectra separated afterwards: cheaper than two real transforms.
 #pragma once
 
 inline constexpr int EAEC_FFT_MAX = 1024;              // real points
 inline constexpr int EAEC_BIN_MAX = EAEC_FFT_MAX / 2 + 1; // 513
+inline constexpr int EAEC_FFT_TW = 4 * EAEC_FFT_MAX + 64; // twiddle floats, both lengths
+
+// The stages of one complex transform length.
+struct eaec_fft_steps {
+    int len;       // complex points
+    int nstage;    // twiddled stages
+    int radix[4];  // of each (4 or 8)
+    int tw[4];     // offset of each one's twiddles in stage_tw
+    int last;      // radix of the final stage, which has no twiddles (4 or 8)
+};
 
 struct eaec_fft_plan {
-    int n;       // real points
-    int half;    // complex points, n / 2
-    int nstage4; // radix-4 stages; a radix-2 stage follows when half is not a power of 4
-    // Per radix-4 stage of length len: w^p, w^2p, w^3p for p < len / 4,
-    // stored as six arrays (re, im of each) one after the other.
-    alignas(16) float stage_tw[3 * EAEC_FFT_MAX];
+    int n;    // real points
+    int half; // n / 2
+    eaec_fft_steps cx_half; // n / 2 complex points: one real signal
+    eaec_fft_steps cx_full; // n complex points: a pair of real signals
+    // Per twiddled stage of length len = R m: w^(j p), j = 1..R-1, p < m,
+    // as 2 (R - 1) arrays (re, im of each j) one after the other. After the
+    // first stage each value is stored four times, as the vector the inner
+    // loop multiplies by.
+    alignas(16) float stage_tw[EAEC_FFT_TW];
     // exp(-2 pi i k / n), k = 0..n/2, for the real-to-complex split.
     alignas(16) float rot_re[EAEC_BIN_MAX + 3];
     alignas(16) float rot_im[EAEC_BIN_MAX + 3];
@@ -31,3 +47,11 @@ void eaec_rfft(const eaec_fft_plan *p, const float *x, float *re, float *im, flo
 // [rt] Inverse of eaec_rfft (scaled by 1/n): re/im[0..n/2] into x[0..n-1].
 // The imaginary parts of bins 0 and n/2 are ignored.
 void eaec_irfft(const eaec_fft_plan *p, const float *re, const float *im, float *x, float *work) noexcept;
+// [rt] eaec_rfft of x and of y in one complex transform (x, y and the
+// outputs need not be aligned). Each result carries rounding noise of the
+// other's size; a member that is all zeros comes out exactly zero.
+void eaec_rfft_pair(const eaec_fft_plan *p, const float *x, const float *y, float *x_re, float *x_im, float *y_re,
+                    float *y_im, float *work) noexcept;
+// [rt] eaec_irfft of two spectra in one complex transform, likewise.
+void eaec_irfft_pair(const eaec_fft_plan *p, const float *x_re, const float *x_im, const float *y_re,
+                     const float *y_im, float *x, float *y, float *work) noexcept;

@@ -80,20 +80,18 @@ float sum_sq(const float *x, int n) noexcept
     return sum;
 }
 
-// Two real transforms of M points (two signals, two spectra); they can
-// share one complex transform.
+// Two real transforms of M points (two signals, two spectra) in one
+// complex transform.
 void rfft_two(const eaec_params *p, const float *x, const float *y, float *x_re, float *x_im, float *y_re,
               float *y_im, float *work) noexcept
 {
-    eaec_rfft(&p->fft, x, x_re, x_im, work);
-    eaec_rfft(&p->fft, y, y_re, y_im, work);
+    eaec_rfft_pair(&p->fft, x, y, x_re, x_im, y_re, y_im, work);
 }
 
 void irfft_two(const eaec_params *p, const float *x_re, const float *x_im, const float *y_re, const float *y_im,
                float *x, float *y, float *work) noexcept
 {
-    eaec_irfft(&p->fft, x_re, x_im, x, work);
-    eaec_irfft(&p->fft, y_re, y_im, y, work);
+    eaec_irfft_pair(&p->fft, x_re, x_im, y_re, y_im, x, y, work);
 }
 
 // Windowed analysis of [previous half, current half] of two signals (a

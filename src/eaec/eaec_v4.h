@@ -27,6 +27,15 @@ inline void v4_store_interleaved(float *dst, v4 a, v4 b, v4 c, v4 d) noexcept
     float32x4x4_t q = {{a, b, c, d}};
     vst4q_f32(dst, q);
 }
+// Rows become columns: afterwards a holds lane 0 of the four inputs, etc.
+inline void v4_transpose(v4 &a, v4 &b, v4 &c, v4 &d) noexcept
+{
+    const float32x4x2_t ab = vtrnq_f32(a, b), cd = vtrnq_f32(c, d);
+    a = vcombine_f32(vget_low_f32(ab.val[0]), vget_low_f32(cd.val[0]));
+    b = vcombine_f32(vget_low_f32(ab.val[1]), vget_low_f32(cd.val[1]));
+    c = vcombine_f32(vget_high_f32(ab.val[0]), vget_high_f32(cd.val[0]));
+    d = vcombine_f32(vget_high_f32(ab.val[1]), vget_high_f32(cd.val[1]));
+}
 // Even and odd elements of src[0..7].
 inline void v4_load_deinterleaved(const float *src, v4 *even, v4 *odd) noexcept
 {
@@ -73,6 +82,7 @@ inline v4 v4_mul(v4 a, v4 b) noexcept { return _mm_mul_ps(a, b); }
 inline v4 v4_loadu(const float *p) noexcept { return _mm_loadu_ps(p); }
 inline void v4_storeu(float *p, v4 v) noexcept { _mm_storeu_ps(p, v); }
 inline v4 v4_rev(v4 v) noexcept { return _mm_shuffle_ps(v, v, _MM_SHUFFLE(0, 1, 2, 3)); }
+inline void v4_transpose(v4 &a, v4 &b, v4 &c, v4 &d) noexcept { _MM_TRANSPOSE4_PS(a, b, c, d); }
 inline void v4_store_interleaved(float *dst, v4 a, v4 b, v4 c, v4 d) noexcept
 {
     _MM_TRANSPOSE4_PS(a, b, c, d);
@@ -123,6 +133,13 @@ inline v4 v4_mul(v4 a, v4 b) noexcept { return v4_map(a, b, [](float x, float y)
 inline v4 v4_loadu(const float *p) noexcept { return v4_load(p); }
 inline void v4_storeu(float *p, v4 v) noexcept { v4_store(p, v); }
 inline v4 v4_rev(v4 v) noexcept { return v4{{v.l[3], v.l[2], v.l[1], v.l[0]}}; }
+inline void v4_transpose(v4 &a, v4 &b, v4 &c, v4 &d) noexcept
+{
+    const v4 r[4] = {a, b, c, d};
+    v4 *out[4] = {&a, &b, &c, &d};
+    for (int i = 0; i < 4; i++)
+        *out[i] = v4{{r[0].l[i], r[1].l[i], r[2].l[i], r[3].l[i]}};
+}
 inline void v4_store_interleaved(float *dst, v4 a, v4 b, v4 c, v4 d) noexcept
 {
     for (int i = 0; i < 4; i++) {
