@@ -24,6 +24,7 @@ constexpr float TWO_PATH_HARM = 1.2f;   // both 0.8 dB above the microphone ...
 constexpr int TWO_PATH_HARM_FRAMES = 5; // ... for this many far-active frames: restart the background
 constexpr int BOOST_FRAMES = 50;        // far-active frames of starting steps (start, path change)
 constexpr float LOCKED = 10.0f;         // the foreground takes 10 dB off the microphone
+constexpr float CANCELS = 2.0f;         // a filter takes 3 dB off it
 constexpr int FAR_HANGOVER = 30;       // frames the far end counts as talking after it stops
 constexpr float PROPORTIONATE_SHARE = 0.5f; // of the step, by partition norm
 constexpr float UNC_RATE = 0.6f; // the filter's learning against a white far end's (see unc_learn)
@@ -383,7 +384,8 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
             const float re = f.es_re[k] + f.ys_re[k], im = f.es_im[k] + f.ys_im[k];
             f.pe[k] = re * re + im * im;
         }
-        delay = delay_mic(p, s, f.pe, far_active, c->err_fg * LOCKED < c->err_mic);
+        delay = delay_mic(p, s, f.pe, far_active, c->err_fg * LOCKED < c->err_mic,
+                          std::min(c->err_fg, c->err_bg) * CANCELS < c->err_mic);
     }
 
     // Digital silence (below one 16-bit step) leaves the noise estimate alone.
