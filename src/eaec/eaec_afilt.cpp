@@ -24,13 +24,16 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_ch
         v4_store(yb_im + k, v4_dup(0.0f));
         v4_store(norm + k, v4_dup(0.0f));
     }
+    v4 gain[EAEC_PART_MAX];
+    for (int part = 0; part < np; part++)
+        gain[part] = v4_dup(c->part_gain[part]);
     // Bins outermost: the four sums stay in registers across partitions.
     for (int k = 0; k < kad; k += 4) {
         v4 sar = v4_dup(0.0f), sai = sar, sbr = sar, sbi = sar, nrm = sar;
         for (int part = 0; part < np; part++) {
             const int o = part * kp + k;
             const v4 u = v4_load(xr_rows[part] + k), v = v4_load(xi_rows[part] + k);
-            nrm = v4_add(nrm, v4_mul(v4_dup(c->part_gain[part]), v4_mma(u, u, v, v)));
+            nrm = v4_add(nrm, v4_mul(gain[part], v4_mma(u, u, v, v)));
             const v4 war = v4_load(a_re + o), wai = v4_load(a_im + o), wbr = v4_load(b_re + o), wbi = v4_load(b_im + o);
             sar = v4_add(sar, v4_mms(war, u, wai, v));
             sai = v4_add(sai, v4_mma(war, v, wai, u));

@@ -103,6 +103,8 @@ struct eaec_delay {
     int lag;           // the estimate in force, -1 before the first
     int cand, cand_frames; // a lag that has been best for cand_frames frames
     int updates;
+    int trial;         // far-active frames since a move the filter has not yet confirmed, -1: none
+    int prev_lag;      // the estimate before that move
     float prev_far[EAEC_DELAY_BANDS], prev_mic[EAEC_DELAY_BANDS]; // last frame's band log energies
     float score[EAEC_DELAY_LAGS_MAX];                    // smoothed coefficient per lag
     float far_feat[EAEC_RING_MAX][EAEC_DELAY_BANDS];     // per ring slot: the far end's changes
@@ -144,8 +146,12 @@ void delay_reset(eaec_delay *d);
 void delay_far(const eaec_params *p, eaec_state *s, const float *x_pow, int far_active) noexcept;
 // [rt] One frame of the microphone's analysis spectrum power (kpad bins);
 // returns the filter delay in frames the estimate now asks for. While the
-// filter is `locked` (cancelling well) the estimate in force stays.
-int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far_active, int locked) noexcept;
+// filter is `locked` (cancelling well) the estimate in force stays. When
+// a filter cancels something, `found` is its strongest partition in frames
+// behind the newest far end (else -1): no window that would leave it out is
+// taken, and a move is undone unless a filter cancels soon after it.
+int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far_active, int locked,
+              int found) noexcept;
 
 // Library platform layer: aligned, zero-filled allocation and its release
 // (with the frame processor, so the interface layer above only calls down).

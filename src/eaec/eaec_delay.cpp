@@ -5,6 +5,7 @@
 // smoothed over frames. The echo rises and falls with the far end that made
 // it, whatever its level, colour and the room's reverberation.
 #include "eaec/eaec_core.h"
+#include "eaec/eaec_v4.h"
 
 #include <algorithm>
 #include <cmath>
@@ -18,6 +19,7 @@ constexpr int WARM_UP = 30;           // compared frames before the first estima
 constexpr float DISTINCT = 0.08f;     // a lag's smoothed coefficient must reach this
 constexpr float HYSTERESIS = 0.05f;   // and beat the estimate in force by this
 constexpr int HOLD_FIRST = 10, HOLD = 25; // frames a candidate must stay best
+constexpr int TRIAL = 60;             // far-active frames a move has to let the filter cancel
 
 // Log-energy changes of the bands into f; returns their sum of squares.
 float features(const eaec_params *p, const float *pw, float *prev, float *f) noexcept
@@ -50,6 +52,7 @@ void delay_reset(eaec_delay *d)
     *d = eaec_delay{};
     d->lag = -1;
     d->cand = -1;
+    d->trial = -1;
     std::fill(d->prev_far, d->prev_far + EAEC_DELAY_BANDS, std::log(FLOOR));
     std::fill(d->prev_mic, d->prev_mic + EAEC_DELAY_BANDS, std::log(FLOOR));
 }
@@ -62,8 +65,10 @@ void delay_far(const eaec_params *p, eaec_state *s, const float *x_pow, int far_
     d->far_norm[s->head] = far_active && std::isfinite(norm) ? norm : 0.0f;
 }
 
-int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far_active, int locked) noexcept
+int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far_active, int locked,
+              int found) noexcept
 {
+    const int cancels = found >= 0;
     eaec_delay *d = &s->dl;
     float fm[EAEC_DELAY_BANDS];
     const float nm = features(p, mic_pow, d->prev_mic, fm);
@@ -73,14 +78,38 @@ int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far
         if (!(d->far_norm[slot] > 0.0f))
             continue;
         const float *ff = d->far_feat[slot];
-        float c = 0.0f;
-        for (int band = 0; band < EAEC_DELAY_BANDS; band++)
-            c += fm[band] * ff[band];
+        v4 acc = v4_dup(0.0f);
+        for (int band = 0; band < EAEC_DELAY_BANDS; band += 4)
+            acc = v4_add(acc, v4_mul(v4_loadu(fm + band), v4_loadu(ff + band)));
+        const float c = v4_hsum(acc);
         d->score[lag] += SCORE_RATE * (c / std::sqrt(nm * d->far_norm[slot]) - d->score[lag]);
+    }
+    if (d->trial >= 0) {
+        // A move is kept once a filter cancels through the new window. If
+        // neither does within TRIAL frames, the lag was an echo of the far
+        // end's own rhythm rather than of the room: back to the window
+        // before, and that lag's evidence starts again.
+        if (cancels) {
+            d->trial = -1;
+        } else if (++d->trial >= TRIAL) {
+            for (int lag = std::max(0, d->lag - 1); lag <= std::min(p->nlag - 1, d->lag + 1); lag++)
+                d->score[lag] = 0.0f;
+            d->lag = d->prev_lag;
+            d->trial = -1;
+            d->cand_frames = 0;
+            return d->lag < 0 ? 0 : std::max(0, d->lag - EAEC_DELAY_MARGIN);
+        }
     }
     if (++d->updates < WARM_UP)
         return d->delay;
     const int best = int(std::max_element(d->score, d->score + p->nlag) - d->score);
+    const int delay = std::max(0, best - EAEC_DELAY_MARGIN);
+    if (found >= 0 && (found < delay || found >= delay + p->npart)) {
+        // The rhythm again, while a filter already cancels the echo it has
+        // found: not a window that drops it.
+        d->cand_frames = 0;
+        return d->delay;
+    }
     if (best == d->lag || d->score[best] < DISTINCT ||
         (d->lag >= 0 && (locked || d->score[best] < d->score[d->lag] + HYSTERESIS))) {
         d->cand_frames = 0;
@@ -92,7 +121,11 @@ int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far
     }
     if (++d->cand_frames < (d->lag < 0 ? HOLD_FIRST : HOLD))
         return d->delay;
+    if (delay != d->delay) {
+        d->prev_lag = d->lag;
+        d->trial = 0;
+    }
     d->lag = best;
     d->cand_frames = 0;
-    return std::max(0, best - EAEC_DELAY_MARGIN);
+    return delay;
 }

@@ -24,6 +24,7 @@ constexpr float TWO_PATH_HARM = 1.2f;   // both 0.8 dB above the microphone ...
 constexpr int TWO_PATH_HARM_FRAMES = 5; // ... for this many far-active frames: restart the background
 constexpr int BOOST_FRAMES = 50;        // far-active frames of starting steps (start, path change)
 constexpr float LOCKED = 10.0f;         // the foreground takes 10 dB off the microphone
+constexpr float CANCELS = 2.0f;         // a filter takes 3 dB off it
 constexpr int FAR_HANGOVER = 30;       // frames the far end counts as talking after it stops
 constexpr float PROPORTIONATE_SHARE = 0.5f; // of the step, by partition norm
 constexpr float UNC_RATE = 0.6f; // the filter's learning against a white far end's (see unc_learn)
@@ -65,6 +66,21 @@ frame_scratch borrow_scratch()
     return f;
 }
 
+// Sum of squares of x[0..n-1], four at a time.
+float sum_sq(const float *x, int n) noexcept
+{
+    v4 acc = v4_dup(0.0f);
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        const v4 v = v4_loadu(x + i);
+        acc = v4_add(acc, v4_mul(v, v));
+    }
+    float sum = v4_hsum(acc);
+    for (; i < n; i++)
+        sum += x[i] * x[i];
+    return sum;
+}
+
 // Two real transforms of M points (two signals, two spectra) in one
 // complex transform.
 void rfft_two(const eaec_params *p, const float *x, const float *y, float *x_re, float *x_im, float *y_re,
@@ -85,12 +101,15 @@ void analyse(const eaec_params *p, const float *a_prev, const float *a, const fl
              float *buf_a, float *buf_b, float *a_re, float *a_im, float *b_re, float *b_im, float *work) noexcept
 {
     const int n = p->hop;
-    for (int i = 0; i < n; i++) {
-        buf_a[i] = a_prev[i] * p->window[i];
-        buf_a[n + i] = a[i] * p->window[n + i];
-        buf_b[i] = b_prev[i] * p->window[i];
-        buf_b[n + i] = b[i] * p->window[n + i];
-    }
+    const float *w = p->window;
+    for (int i = 0; i < n; i++)
+        buf_a[i] = a_prev[i] * w[i];
+    for (int i = 0; i < n; i++)
+        buf_a[n + i] = a[i] * w[n + i];
+    for (int i = 0; i < n; i++)
+        buf_b[i] = b_prev[i] * w[i];
+    for (int i = 0; i < n; i++)
+        buf_b[n + i] = b[i] * w[n + i];
     for (int i = p->win; i < p->nfft; i++)
         buf_a[i] = buf_b[i] = 0.0f;
     rfft_two(p, buf_a, buf_b, a_re, a_im, b_re, b_im, work);
@@ -195,14 +214,13 @@ constexpr noise_table make_noise(uint32_t r)
 }
 alignas(16) constexpr noise_table noise_re = make_noise(0x6D2B79F5u), noise_im = make_noise(0x2545F491u);
 
-int16_t to_pcm(float v) noexcept
+// Rounded to the nearest 16-bit value (halves away from zero), clipped;
+// NaN gives 0. Branch-free, four samples at a time.
+inline int16_t to_pcm(float s) noexcept
 {
-    const float s = v * PCM_OUT;
-    if (!(s > -32768.0f))
-        return s != s ? 0 : -32768;
-    if (s >= 32767.0f)
-        return 32767;
-    return int16_t(std::lrint(s));
+    const float c = std::min(std::max(s, -32768.0f), 32767.0f);
+    const int r = int(c + (c < 0.0f ? -0.5f : 0.5f));
+    return int16_t(s == s ? r : 0);
 }
 
 void chan_reset(const eaec_params *p, eaec_chan *c, int index)
@@ -254,10 +272,13 @@ void output_stage(const eaec_params *p, eaec_chan *c, const float *comfort, INT_
     }
     irfft_two(p, yr, yi, xr, xi, f.t2, f.t1, f.work);
     const float *now = f.t2 + (m - n), *before = f.t1 + (m - n);
+    float *mix = f.t3;
     for (int i = 0; i < n; i++) {
         const float r = p->window[i] * p->window[i]; // rises from 0 to 1 over the frame
-        out[i] = to_pcm(before[i] + r * (now[i] - before[i]));
+        mix[i] = (before[i] + r * (now[i] - before[i])) * PCM_OUT;
     }
+    for (int i = 0; i < n; i++)
+        out[i] = to_pcm(mix[i]);
     std::memcpy(c->h_re, f.h_re, sizeof(float) * size_t(p->kpad));
     std::memcpy(c->h_im, f.h_im, sizeof(float) * size_t(p->kpad));
 }
@@ -307,18 +328,16 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     afilt_echo_spectra(p, s, c, f.y_re, f.y_im, f.g_re, f.g_im, f.norm);
     irfft_two(p, f.y_re, f.y_im, f.g_re, f.g_im, f.t2, f.t0, f.work); // the background's, the foreground's
     float *eb = f.t3, *e = f.t1;
-    float en_b = 0.0f, en_f = 0.0f, en_d = 0.0f;
-    for (int i = 0; i < n; i++) {
-        const float d = float(mic[i]) * PCM_IN;
-        eb[i] = d - f.t2[m - n + i];
-        en_b += eb[i] * eb[i];
-        en_d += d * d;
-    }
+    const float *yb = f.t2 + (m - n);
     float *yhat = f.t0 + (m - n);
-    for (int i = 0; i < n; i++) {
-        e[i] = float(mic[i]) * PCM_IN - yhat[i];
-        en_f += e[i] * e[i];
-    }
+    for (int i = 0; i < n; i++)
+        e[i] = float(mic[i]) * PCM_IN;
+    const float en_d = sum_sq(e, n);
+    for (int i = 0; i < n; i++)
+        eb[i] = e[i] - yb[i];
+    for (int i = 0; i < n; i++)
+        e[i] -= yhat[i];
+    const float en_b = sum_sq(eb, n), en_f = sum_sq(e, n);
     if (far_active) {
         if (!(c->err_fg > TWO_PATH_HARM * c->err_mic))
             c->harm_frames = 0;
@@ -365,7 +384,15 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
             const float re = f.es_re[k] + f.ys_re[k], im = f.es_im[k] + f.ys_im[k];
             f.pe[k] = re * re + im * im;
         }
-        delay = delay_mic(p, s, f.pe, far_active, c->err_fg * LOCKED < c->err_mic);
+        int found = -1; // where the echo's direct path lies, once a filter cancels
+        if (std::min(c->err_fg, c->err_bg) * CANCELS < c->err_mic) {
+            found = 0;
+            for (int part = 1; part < p->npart; part++)
+                if (c->part_norm[part] > c->part_norm[found])
+                    found = part;
+            found += s->dl.delay;
+        }
+        delay = delay_mic(p, s, f.pe, far_active, c->err_fg * LOCKED < c->err_mic, found);
     }
 
     // Digital silence (below one 16-bit step) leaves the noise estimate alone.
@@ -556,14 +583,14 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
     // Far end: the speaker channels mixed to one reference.
     std::memmove(s->x_hist, s->x_hist + n, sizeof(float) * size_t(m - n));
     float *xn = s->x_hist + (m - n);
-    float energy = 0.0f;
-    for (int i = 0; i < n; i++) {
-        float v = float(spk[i]);
-        if (p->nspk == 2)
-            v = 0.5f * (v + float(spk[n + i]));
-        xn[i] = v * PCM_IN;
-        energy += xn[i] * xn[i];
+    if (p->nspk == 2) {
+        for (int i = 0; i < n; i++)
+            xn[i] = 0.5f * (float(spk[i]) + float(spk[n + i])) * PCM_IN;
+    } else {
+        for (int i = 0; i < n; i++)
+            xn[i] = float(spk[i]) * PCM_IN;
     }
+    const float energy = sum_sq(xn, n);
     s->head = s->head + 1 < p->nring ? s->head + 1 : 0;
     s->x_energy[s->head] = energy;
     // The far end counts as active when it was in the newest frame the

@@ -6,11 +6,10 @@
 #include <gtest/gtest.h>
 #include <vector>
 
-// Two signals through the single transforms (j = 0, 1) and through the
-// pair (j = 2, 3): forward against a direct transform in double precision,
-// then back to the signals; at 512 points the second signal is silence,
-// which must come out exactly zero from the pair too. On the board this
-// checks the NEON kernels against plain arithmetic.
+// Two signals through the single transforms (j = 0, 1) and the pair (j = 2,
+// 3) against a direct transform in double precision, then back; at 512 points
+// the second is silence, exactly zero from the pair too. On the board: the
+// NEON kernels against plain arithmetic.
 TEST(EaecFft, MatchesDirectTransformAndInverts)
 {
     eaec_fft_plan plan{};
