@@ -146,10 +146,12 @@ void delay_reset(eaec_delay *d);
 void delay_far(const eaec_params *p, eaec_state *s, const float *x_pow, int far_active) noexcept;
 // [rt] One frame of the microphone's analysis spectrum power (kpad bins);
 // returns the filter delay in frames the estimate now asks for. While the
-// filter is `locked` (cancelling well) the estimate in force stays; a move
-// is undone unless a filter `cancels` (something) soon after it.
+// filter is `locked` (cancelling well) the estimate in force stays. When
+// a filter cancels something, `found` is its strongest partition in frames
+// behind the newest far end (else -1): no window that would leave it out is
+// taken, and a move is undone unless a filter cancels soon after it.
 int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far_active, int locked,
-              int cancels) noexcept;
+              int found) noexcept;
 
 // Library platform layer: aligned, zero-filled allocation and its release
 // (with the frame processor, so the interface layer above only calls down).

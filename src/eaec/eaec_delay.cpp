@@ -66,8 +66,9 @@ void delay_far(const eaec_params *p, eaec_state *s, const float *x_pow, int far_
 }
 
 int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far_active, int locked,
-              int cancels) noexcept
+              int found) noexcept
 {
+    const int cancels = found >= 0;
     eaec_delay *d = &s->dl;
     float fm[EAEC_DELAY_BANDS];
     const float nm = features(p, mic_pow, d->prev_mic, fm);
@@ -102,6 +103,13 @@ int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far
     if (++d->updates < WARM_UP)
         return d->delay;
     const int best = int(std::max_element(d->score, d->score + p->nlag) - d->score);
+    const int delay = std::max(0, best - EAEC_DELAY_MARGIN);
+    if (found >= 0 && (found < delay || found >= delay + p->npart)) {
+        // The rhythm again, while a filter already cancels the echo it has
+        // found: not a window that drops it.
+        d->cand_frames = 0;
+        return d->delay;
+    }
     if (best == d->lag || d->score[best] < DISTINCT ||
         (d->lag >= 0 && (locked || d->score[best] < d->score[d->lag] + HYSTERESIS))) {
         d->cand_frames = 0;
@@ -113,7 +121,6 @@ int delay_mic(const eaec_params *p, eaec_state *s, const float *mic_pow, int far
     }
     if (++d->cand_frames < (d->lag < 0 ? HOLD_FIRST : HOLD))
         return d->delay;
-    const int delay = std::max(0, best - EAEC_DELAY_MARGIN);
     if (delay != d->delay) {
         d->prev_lag = d->lag;
         d->trial = 0;

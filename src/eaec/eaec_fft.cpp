@@ -7,6 +7,12 @@
 #include <type_traits>
 
 namespace {
+// Radix of the stage that splits sub-sequences of len points (len > 8) of
+// an n-point transform: 8, or 4 where 8 would leave 2 points for the last
+// stage, and for the first of 1024 points (cheaper than the eight-point
+// first stage's transposes there).
+constexpr int radix_of(int n, int len) { return len == 16 || (len == n && n == 1024) ? 4 : 8; }
+
 // The stages of a complex transform of len points: radix 8 while at least
 // 32 points remain per sub-sequence (radix 4 at 16), then a final stage of
 // 4 or 8 points, which needs no twiddles. Appends the twiddles at *off.
@@ -20,7 +26,7 @@ int plan_steps(eaec_fft_plan *p, eaec_fft_steps *st, int len, int *off)
     st->nstage = 0;
     int cur = len, s = 1;
     while (e > 3) {
-        const int r = e == 4 ? 4 : 8, m = cur / r, rep = s == 1 ? 1 : 4;
+        const int r = radix_of(len, cur), m = cur / r, rep = s == 1 ? 1 : 4;
         if (*off + 2 * (r - 1) * m * rep > EAEC_FFT_TW)
             return -1;
         st->radix[st->nstage] = r;
@@ -127,7 +133,6 @@ struct swapped_pairs_out {
 
 // The stages are instantiated per length, so that every stride and table
 // offset is a constant (the addresses then need no registers of their own).
-constexpr int radix_of(int len) { return len == 16 ? 4 : 8; } // len > 8
 
 // First stage (stride 1) of length R M: four p at a time, the R outputs
 // of each p stored next to each other (transposed in blocks of four).
@@ -190,7 +195,7 @@ struct to_spare {};
 // The stages after the first, sub-sequences of LEN points at stride S:
 // they go back and forth between x and y; the last one writes out, or y
 // for to_spare. Returns the buffer the result went to (y for to_spare).
-template <int LEN, int S, class Out>
+template <int N, int LEN, int S, class Out>
 split_io later_stages(split_io x, split_io y, const float *tw, Out out) noexcept
 {
     if constexpr (LEN <= 8) {
@@ -200,9 +205,9 @@ split_io later_stages(split_io x, split_io y, const float *tw, Out out) noexcept
             last_stage<LEN, S>(x.r, x.i, out);
         return y;
     } else {
-        constexpr int R = radix_of(LEN), M = LEN / R;
+        constexpr int R = radix_of(N, LEN), M = LEN / R;
         stage<R, M, S>(x.r, x.i, y.r, y.i, tw);
-        return later_stages<M, S * R>(y, x, tw + 2 * (R - 1) * M * 4, out);
+        return later_stages<N, M, S * R>(y, x, tw + 2 * (R - 1) * M * 4, out);
     }
 }
 
@@ -211,9 +216,9 @@ split_io later_stages(split_io x, split_io y, const float *tw, Out out) noexcept
 template <int N, class In, class Out>
 split_io cfft_n(const float *tw, In in, split_io a, split_io b, Out out) noexcept
 {
-    constexpr int R = radix_of(N), M = N / R;
+    constexpr int R = radix_of(N, N), M = N / R;
     first_stage<R, M>(in, a.r, a.i, tw);
-    return later_stages<M, R>(a, b, tw + 2 * (R - 1) * M, out);
+    return later_stages<N, M, R>(a, b, tw + 2 * (R - 1) * M, out);
 }
 
 template <class In, class Out>

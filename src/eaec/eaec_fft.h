@@ -9,7 +9,7 @@
 
 inline constexpr int EAEC_FFT_MAX = 1024;              // real points
 inline constexpr int EAEC_BIN_MAX = EAEC_FFT_MAX / 2 + 1; // 513
-inline constexpr int EAEC_FFT_TW = 4 * EAEC_FFT_MAX + 64; // twiddle floats, both lengths
+inline constexpr int EAEC_FFT_TW = 5 * EAEC_FFT_MAX; // twiddle floats, both lengths
 
 // The stages of one complex transform length.
 struct eaec_fft_steps {

@@ -383,8 +383,15 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
             const float re = f.es_re[k] + f.ys_re[k], im = f.es_im[k] + f.ys_im[k];
             f.pe[k] = re * re + im * im;
         }
-        delay = delay_mic(p, s, f.pe, far_active, c->err_fg * LOCKED < c->err_mic,
-                          std::min(c->err_fg, c->err_bg) * CANCELS < c->err_mic);
+        int found = -1; // where the echo's direct path lies, once a filter cancels
+        if (std::min(c->err_fg, c->err_bg) * CANCELS < c->err_mic) {
+            found = 0;
+            for (int part = 1; part < p->npart; part++)
+                if (c->part_norm[part] > c->part_norm[found])
+                    found = part;
+            found += s->dl.delay;
+        }
+        delay = delay_mic(p, s, f.pe, far_active, c->err_fg * LOCKED < c->err_mic, found);
     }
 
     // Digital silence (below one 16-bit step) leaves the noise estimate alone.
