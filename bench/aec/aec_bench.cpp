@@ -1,7 +1,8 @@
 // Echo canceller benchmark: every canceller (ours as the daemon configures
 // it, and the references this build found) on the same synthetic signals
 // in one run; the definitions of the figures are printed with them. Then
-// Google Benchmark times one frame of each. Runs with flush-to-zero and
+// Google Benchmark times one frame of each, and our 1024-point transforms
+// (fft/...: one real signal forward and back, and a pair). Runs with flush-to-zero and
 // denormals-are-zero, as the real-time context does, and sums up the CPU
 // time per frame of each against AEC3's.
 //   aec_bench --frames N [--busy]  runs only our processor for N frames of
@@ -12,6 +13,7 @@
 //   aec_bench --seeds N    the figures over seeds 1..N of both rooms (default 8, 0: none).
 #include "aec_backends.h"
 #include "aec_signals.h"
+#include "eaec/eaec_fft.h"
 
 #include <algorithm>
 #include <benchmark/benchmark.h>
@@ -317,6 +319,32 @@ void bm_frame(benchmark::State &state, aec_backend b)
     b.destroy(h);
 }
 
+// One 1024-point transform of the canceller's: 0 forward, 1 inverse, 2
+// forward pair, 3 inverse pair (two signals through one complex transform).
+void bm_fft(benchmark::State &state, int kind)
+{
+    static eaec_fft_plan plan;
+    alignas(16) static float work[EAEC_FFT_WORK], x[1024], y[1024], xr[516], xi[516], yr[516], yi[516];
+    eaec_fft_plan_init(&plan, 1024);
+    const std::vector<double> w = aec_white(5, 2048, -20.0);
+    for (int i = 0; i < 1024; i++) {
+        x[i] = float(w[size_t(i)]);
+        y[i] = float(w[size_t(1024 + i)]);
+    }
+    eaec_rfft_pair(&plan, x, y, xr, xi, yr, yi, work);
+    for (auto _ : state) {
+        if (kind == 0)
+            eaec_rfft(&plan, x, xr, xi, work);
+        else if (kind == 1)
+            eaec_irfft(&plan, xr, xi, x, work);
+        else if (kind == 2)
+            eaec_rfft_pair(&plan, x, y, xr, xi, yr, yi, work);
+        else
+            eaec_irfft_pair(&plan, xr, xi, yr, yi, x, y, work);
+        benchmark::ClobberMemory();
+    }
+}
+
 // Google Benchmark's console output, and the CPU time per frame of each
 // canceller kept for the summary after it.
 class frame_times : public benchmark::ConsoleReporter {
@@ -325,9 +353,9 @@ public:
     void ReportRuns(const std::vector<Run> &runs) override
     {
         for (const Run &r : runs) {
-            if (r.run_type != Run::RT_Iteration)
-                continue;
             const std::string name = r.run_name.function_name;
+            if (r.run_type != Run::RT_Iteration || name.rfind("frame/", 0) != 0)
+                continue;
             auto it = std::find_if(us.begin(), us.end(), [&](const auto &e) { return e.first == name; });
             if (it == us.end()) {
                 us.push_back({name, 0.0});
@@ -407,6 +435,9 @@ int main(int argc, char **argv)
     for (const aec_backend &b : backends)
         benchmark::RegisterBenchmark((std::string("frame/") + b.name).c_str(), bm_frame, b)
             ->Unit(benchmark::kMicrosecond);
+    const char *fft_names[4] = {"fft/forward", "fft/inverse", "fft/forward pair", "fft/inverse pair"};
+    for (int kind = 0; kind < 4; kind++)
+        benchmark::RegisterBenchmark(fft_names[kind], bm_fft, kind)->Unit(benchmark::kMicrosecond);
     benchmark::Initialize(&argc, argv);
     frame_times times;
     benchmark::RunSpecifiedBenchmarks(&times);
