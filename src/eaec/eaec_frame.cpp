@@ -340,6 +340,15 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     if (far_active) {
         if (!(c->err_fg > TWO_PATH_HARM * c->err_mic))
             c->harm_frames = 0;
+        // The foreground, having cancelled, adds echo: the path has changed,
+        // whether or not the background is restarted below (it may already
+        // be finding its way from the old path).
+        if (c->was_locked && c->err_fg > TWO_PATH_HARM * c->err_mic) {
+            if (++c->fg_harm_frames == TWO_PATH_HARM_FRAMES)
+                unc_restart(p, c);
+        } else {
+            c->fg_harm_frames = 0;
+        }
         if (c->err_fg * LOCKED < c->err_mic)
             c->was_locked = 1;
         c->err_bg += TWO_PATH_RATE * (en_b - c->err_bg);
