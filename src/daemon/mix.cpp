@@ -131,32 +131,35 @@ float vector64(const float *a, const float *b, size_t n) noexcept
 }
 #endif
 
+static float mix_clamp(float v) noexcept
+{
+    if (v > 1.0f)
+        return 1.0f;
+    if (!(v == v))
+        return 0.0f; // a NaN would stick in every later gain stage
+    return v < -1.0f ? -1.0f : v;
+}
+
 void do_dsp(uint32_t rtp_ts) noexcept
 {
-    for (int k = 0; k < MIX_BLOCK; k++) {
-        float *row = mix_inp + ((rtp_ts + uint32_t(k)) & MIX_RING_MASK) * MIX_INP_MAX;
-        float *out = mix_out + k * MIX_OUT_MAX;
-        for (int o = 0; o < MIX_OUT_MAX; o++) {
-            const int m = mixouts[o].mode;
-            float v;
-            if (m == MIX_OUT_UNUSED)
-                v = 0.0f;
-            else if (m == MIX_OUT_MULTI)
-                v = vector64(row, mix_gain[o], MIX_INP_MAX);
-            else if (m >= 0 && m < MIX_INP_MAX)
-                v = row[m] * mix_gain[o][m];
-            else
-                v = 0.0f;
-            if (v > 1.0f)
-                v = 1.0f;
-            else if (!(v == v))
-                v = 0.0f; // a NaN would stick in every later gain stage
-            if (v < -1.0f)
-                v = -1.0f;
-            out[o] = v;
+    // Output by output, so an unused output costs one column of zeros and
+    // its mode is looked at once per block, not once per sample.
+    for (int o = 0; o < MIX_OUT_MAX; o++) {
+        const int m = mixouts[o].mode;
+        float *out = mix_out + o;
+        if (m == MIX_OUT_MULTI) {
+            for (int k = 0; k < MIX_BLOCK; k++)
+                out[k * MIX_OUT_MAX] = mix_clamp(vector64(mix_slot(rtp_ts + uint32_t(k), 0), mix_gain[o], MIX_INP_MAX));
+        } else if (m >= 0 && m < MIX_INP_MAX) {
+            for (int k = 0; k < MIX_BLOCK; k++)
+                out[k * MIX_OUT_MAX] = mix_clamp(*mix_slot(rtp_ts + uint32_t(k), m) * mix_gain[o][m]);
+        } else {
+            for (int k = 0; k < MIX_BLOCK; k++)
+                out[k * MIX_OUT_MAX] = 0.0f;
         }
-        std::memset(row, 0, MIX_INP_MAX * sizeof(float)); // consumed
     }
+    for (int k = 0; k < MIX_BLOCK; k++)
+        std::memset(mix_slot(rtp_ts + uint32_t(k), 0), 0, MIX_INP_MAX * sizeof(float)); // consumed
 }
 
 int mix_ref(const char *id)
