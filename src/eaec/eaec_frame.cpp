@@ -218,9 +218,8 @@ alignas(16) constexpr noise_table noise_re = make_noise(0x6D2B79F5u), noise_im =
 // NaN gives 0. Branch-free, four samples at a time.
 inline int16_t to_pcm(float s) noexcept
 {
-    const float c = std::min(std::max(s, -32768.0f), 32767.0f);
-    const int r = int(c + (c < 0.0f ? -0.5f : 0.5f));
-    return int16_t(s == s ? r : 0);
+    const float c = s == s ? std::min(std::max(s, -32768.0f), 32767.0f) : 0.0f;
+    return int16_t(int(c + (c < 0.0f ? -0.5f : 0.5f)));
 }
 
 void chan_reset(const eaec_params *p, eaec_chan *c, int index)
