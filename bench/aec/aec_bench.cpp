@@ -10,6 +10,7 @@
 //                          far end that never pauses, the costliest case)
 //                          for perf stat or callgrind; prints nothing.
 //   aec_bench --ours       our row alone (while tuning; figures need all rows).
+//   aec_bench --seeds N    the figures over seeds 1..N of both rooms (default 8, 0: none).
 #include "aec_backends.h"
 #include "aec_signals.h"
 #include "eaec/eaec_fft.h"
@@ -268,6 +269,38 @@ void print_quality(const std::vector<aec_backend> &backends, const aec_scenario 
            "zeros. garbage: ERLE 5..6 s after 0.5 s of full-scale random input on both sides at 4 s.\n\n");
 }
 
+// The same figures over other talkers, rooms and noise (seeds 1..n of
+// both rooms): a canceller tuned on one signal shows here what it does on
+// the others.
+void print_seeds(const std::vector<aec_backend> &backends, int n)
+{
+    printf("Seeds 1..%d of both rooms (talkers, room responses and noise drawn anew): mean / worst\n", n);
+    printf("%-15s %6s %11s %11s %11s %11s %11s\n", "canceller", "RT60", "ERLE dB", "echo ERLE", "DT leak",
+           "DT loss", "ERLE2 dB");
+    std::vector<aec_scenario> rooms;
+    for (const double rt60 : {0.15, 0.4})
+        for (int seed = 1; seed <= n; seed++)
+            rooms.push_back(aec_make_scenario(rt60, uint32_t(seed)));
+    for (const aec_backend &b : backends)
+        for (int r = 0; r < 2; r++) {
+            double sum[5] = {}, worst[5] = {1e9, 1e9, -1e9, -1e9, 1e9};
+            for (int seed = 0; seed < n; seed++) {
+                const figures f = measure(b, rooms[size_t(r * n + seed)]);
+                const double v[5] = {f.erle, f.erle_echo, f.dt_leak, f.dt_loss, f.erle2};
+                for (int i = 0; i < 5; i++) {
+                    sum[i] += v[i];
+                    // worst: the lowest ERLE, the highest leak and loss
+                    worst[i] = (i == 2 || i == 3) ? std::max(worst[i], v[i]) : std::min(worst[i], v[i]);
+                }
+            }
+            printf("%-15s %4.0f ms", b.name, r ? 400.0 : 150.0);
+            for (int i = 0; i < 5; i++)
+                printf(" %5.1f/%5.1f", sum[i] / n, worst[i]);
+            printf("\n");
+        }
+    printf("\n");
+}
+
 const aec_scenario *bench_signal;
 
 void bm_frame(benchmark::State &state, aec_backend b)
@@ -385,14 +418,19 @@ int main(int argc, char **argv)
     std::vector<aec_backend> backends = aec_backends();
     static const aec_scenario rooms[2] = {aec_make_scenario(0.15, 1), aec_make_scenario(0.4, 1)};
     bool quality = true;
+    int seeds = 8;
     for (int i = 1; i < argc; i++) {
         if (strcmp(argv[i], "--no-quality") == 0)
             quality = false;
+        if (strcmp(argv[i], "--seeds") == 0 && i + 1 < argc) // 0: the first signals only
+            seeds = std::atoi(argv[++i]);
         if (strcmp(argv[i], "--ours") == 0) // our row alone, while tuning
             backends.resize(1);
     }
     if (quality)
         print_quality(backends, rooms, 2);
+    if (quality && seeds > 0)
+        print_seeds(backends, seeds);
     bench_signal = &rooms[1];
     for (const aec_backend &b : backends)
         benchmark::RegisterBenchmark((std::string("frame/") + b.name).c_str(), bm_frame, b)

@@ -13,9 +13,9 @@ namespace {
 // first stage's transposes there).
 constexpr int radix_of(int n, int len) { return len == 16 || (len == n && n == 1024) ? 4 : 8; }
 
-// The stages of a complex transform of len points: radix 8 while at least
-// 32 points remain per sub-sequence (radix 4 at 16), then a final stage of
-// 4 or 8 points, which needs no twiddles. Appends the twiddles at *off.
+// The stages of a complex transform of len points: radix_of's while more
+// than 8 points remain per sub-sequence, then a final stage of 4 or 8
+// points, which needs no twiddles. Appends their twiddles at *off.
 int plan_steps(eaec_fft_plan *p, eaec_fft_steps *st, int len, int *off)
 {
     const double two_pi = 6.283185307179586476925286766559;
@@ -23,14 +23,12 @@ int plan_steps(eaec_fft_plan *p, eaec_fft_steps *st, int len, int *off)
     while ((1 << e) < len)
         e++;
     st->len = len;
-    st->nstage = 0;
+    st->tw = *off;
     int cur = len, s = 1;
     while (e > 3) {
         const int r = radix_of(len, cur), m = cur / r, rep = s == 1 ? 1 : 4;
         if (*off + 2 * (r - 1) * m * rep > EAEC_FFT_TW)
             return -1;
-        st->radix[st->nstage] = r;
-        st->tw[st->nstage] = *off;
         for (int j = 1; j < r; j++)
             for (int q = 0; q < m; q++) {
                 const double a = -two_pi * double(j * q) / double(cur);
@@ -40,12 +38,10 @@ int plan_steps(eaec_fft_plan *p, eaec_fft_steps *st, int len, int *off)
                 }
             }
         *off += 2 * (r - 1) * m * rep;
-        st->nstage++;
         cur = m;
         s *= r;
         e -= r == 8 ? 3 : 2;
     }
-    st->last = cur;
     return 0;
 }
 
@@ -224,7 +220,7 @@ split_io cfft_n(const float *tw, In in, split_io a, split_io b, Out out) noexcep
 template <class In, class Out>
 split_io cfft(const eaec_fft_plan *p, const eaec_fft_steps &st, In in, split_io a, split_io b, Out out) noexcept
 {
-    const float *tw = p->stage_tw + st.tw[0];
+    const float *tw = p->stage_tw + st.tw;
     switch (st.len) {
     case 128: return cfft_n<128>(tw, in, a, b, out);
     case 256: return cfft_n<256>(tw, in, a, b, out);

@@ -11,13 +11,10 @@ inline constexpr int EAEC_FFT_MAX = 1024;              // real points
 inline constexpr int EAEC_BIN_MAX = EAEC_FFT_MAX / 2 + 1; // 513
 inline constexpr int EAEC_FFT_TW = 5 * EAEC_FFT_MAX; // twiddle floats, both lengths
 
-// The stages of one complex transform length.
+// One complex transform length; its stages follow from the length.
 struct eaec_fft_steps {
-    int len;       // complex points
-    int nstage;    // twiddled stages
-    int radix[4];  // of each (4 or 8)
-    int tw[4];     // offset of each one's twiddles in stage_tw
-    int last;      // radix of the final stage, which has no twiddles (4 or 8)
+    int len; // complex points
+    int tw;  // offset of its stages' twiddles in stage_tw
 };
 
 struct eaec_fft_plan {

@@ -218,9 +218,8 @@ alignas(16) constexpr noise_table noise_re = make_noise(0x6D2B79F5u), noise_im =
 // NaN gives 0. Branch-free, four samples at a time.
 inline int16_t to_pcm(float s) noexcept
 {
-    const float c = std::min(std::max(s, -32768.0f), 32767.0f);
-    const int r = int(c + (c < 0.0f ? -0.5f : 0.5f));
-    return int16_t(s == s ? r : 0);
+    const float c = s == s ? std::min(std::max(s, -32768.0f), 32767.0f) : 0.0f;
+    return int16_t(int(c + (c < 0.0f ? -0.5f : 0.5f)));
 }
 
 void chan_reset(const eaec_params *p, eaec_chan *c, int index)
@@ -341,6 +340,15 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     if (far_active) {
         if (!(c->err_fg > TWO_PATH_HARM * c->err_mic))
             c->harm_frames = 0;
+        // The foreground, having cancelled, adds echo: the path has changed,
+        // whether or not the background is restarted below (it may already
+        // be finding its way from the old path).
+        if (c->was_locked && c->err_fg > TWO_PATH_HARM * c->err_mic) {
+            if (++c->fg_harm_frames == TWO_PATH_HARM_FRAMES)
+                unc_restart(p, c);
+        } else {
+            c->fg_harm_frames = 0;
+        }
         if (c->err_fg * LOCKED < c->err_mic)
             c->was_locked = 1;
         c->err_bg += TWO_PATH_RATE * (en_b - c->err_bg);
