@@ -31,17 +31,17 @@ TEST_F(MixEmpty, SingleMultiAndUnusedOutputsClipAtFullScale)
 {
     const uint32_t ts = 1000;
     for (int k = 0; k < 48; k++) {
-        *mix_slot(ts + k, 2) = k == 0 ? 0.8f : k == 1 ? -0.8f : 0.25f;
+        *mix_slot(ts + k, 2) = k == 0 ? 0.8f : k == 1 ? -0.8f : k == 2 ? NAN : 0.25f; // a NaN mixes as silence
         *mix_slot(ts + k, 5) = -0.125f;
     }
     mix_gain_set(0, 2, 2.0f); // output 0: one input
     mix_gain_set(1, 2, 2.0f); // output 1: two; output 2: none
     mix_gain_set(1, 5, 0.5f);
     do_dsp(ts);
-    const float want[3][3] = {{1.0f, 1.0f, 0.0f}, {-1.0f, -1.0f, 0.0f}, {0.5f, 0.4375f, 0.0f}}; // k = 0, 1, 2..47
+    const float want[4][3] = {{1, 1, 0}, {-1, -1, 0}, {0, 0, 0}, {0.5f, 0.4375f, 0}}; // k = 0, 1, 2, 3..47
     for (int k = 0; k < 48; k++)
         for (int o = 0; o < 3; o++)
-            EXPECT_EQ(out(k, o), want[std::min(k, 2)][o]) << k << " " << o;
+            EXPECT_EQ(out(k, o), want[std::min(k, 3)][o]) << k << " " << o;
 }
 
 TEST_F(MixEmpty, ConsumedRowsReadAsSilenceAfterTheRingWraps)
