@@ -12,6 +12,17 @@ static void fill_ring()
             *mix_slot(t, i) = float((t * 31 + uint32_t(i) * 7) % 1000) * 1e-4f;
 }
 
+// Mixes one block after another with the gains set up by the caller.
+static void time_blocks(benchmark::State &state)
+{
+    uint32_t ts = 0;
+    for (auto _ : state) {
+        do_dsp(ts);
+        ts += MIX_BLOCK;
+        benchmark::DoNotOptimize(mix_out[0]);
+    }
+}
+
 static void BM_DoDspAllMulti(benchmark::State &state)
 {
     fill_ring();
@@ -19,12 +30,7 @@ static void BM_DoDspAllMulti(benchmark::State &state)
     for (int o = 0; o < MIX_OUT_MAX; o++)
         for (int i = 0; i < MIX_INP_MAX; i++)
             mix_gain_set(o, i, 0.01f * float(1 + (o + i) % 7));
-    uint32_t ts = 0;
-    for (auto _ : state) {
-        do_dsp(ts);
-        ts += MIX_BLOCK;
-        benchmark::DoNotOptimize(mix_out[0]);
-    }
+    time_blocks(state);
     state.SetLabel("16 outputs x 48 inputs, ns per block");
 }
 BENCHMARK(BM_DoDspAllMulti);
@@ -35,12 +41,7 @@ static void BM_DoDspAllSingle(benchmark::State &state)
     mix_init();
     for (int o = 0; o < MIX_OUT_MAX; o++)
         mix_gain_set(o, o * 3, 0.5f);
-    uint32_t ts = 0;
-    for (auto _ : state) {
-        do_dsp(ts);
-        ts += MIX_BLOCK;
-        benchmark::DoNotOptimize(mix_out[0]);
-    }
+    time_blocks(state);
     state.SetLabel("16 outputs, one input each, ns per block");
 }
 BENCHMARK(BM_DoDspAllSingle);
@@ -52,12 +53,7 @@ static void BM_DoDspOneMulti(benchmark::State &state)
     mix_init();
     for (int i = 0; i < MIX_INP_MAX; i++)
         mix_gain_set(0, i, 1.0f);
-    uint32_t ts = 0;
-    for (auto _ : state) {
-        do_dsp(ts);
-        ts += MIX_BLOCK;
-        benchmark::DoNotOptimize(mix_out[0]);
-    }
+    time_blocks(state);
     state.SetLabel("one output of 48 inputs, 15 unused, ns per block");
 }
 BENCHMARK(BM_DoDspOneMulti);
