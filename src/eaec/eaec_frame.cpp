@@ -81,20 +81,6 @@ float sum_sq(const float *x, int n) noexcept
     return sum;
 }
 
-// Two real transforms of M points (two signals, two spectra) in one
-// complex transform.
-void rfft_two(const eaec_params *p, const float *x, const float *y, float *x_re, float *x_im, float *y_re,
-              float *y_im, float *work) noexcept
-{
-    eaec_rfft_pair(&p->fft, x, y, x_re, x_im, y_re, y_im, work);
-}
-
-void irfft_two(const eaec_params *p, const float *x_re, const float *x_im, const float *y_re, const float *y_im,
-               float *x, float *y, float *work) noexcept
-{
-    eaec_irfft_pair(&p->fft, x_re, x_im, y_re, y_im, x, y, work);
-}
-
 // Windowed analysis of [previous half, current half] of two signals (a
 // and b) into their spectra; buf_a, buf_b: M floats each.
 void analyse(const eaec_params *p, const float *a_prev, const float *a, const float *b_prev, const float *b,
@@ -112,7 +98,7 @@ void analyse(const eaec_params *p, const float *a_prev, const float *a, const fl
         buf_b[n + i] = b[i] * w[n + i];
     for (int i = p->win; i < p->nfft; i++)
         buf_a[i] = buf_b[i] = 0.0f;
-    rfft_two(p, buf_a, buf_b, a_re, a_im, b_re, b_im, work);
+    eaec_rfft_pair(&p->fft, buf_a, buf_b, a_re, a_im, b_re, b_im, work);
     for (int k = p->nbin; k < p->kpad; k++)
         a_re[k] = a_im[k] = b_re[k] = b_im[k] = 0.0f; // the per-bin loops run over the padding too
 }
@@ -269,7 +255,7 @@ void output_stage(const eaec_params *p, eaec_chan *c, const float *comfort, INT_
         v4_store(xr + k, v4_add(v4_mms(gr, ur, gi, ui), cr));
         v4_store(xi + k, v4_add(v4_mma(gr, ui, gi, ur), ci));
     }
-    irfft_two(p, yr, yi, xr, xi, f.t2, f.t1, f.work);
+    eaec_irfft_pair(&p->fft, yr, yi, xr, xi, f.t2, f.t1, f.work);
     const float *now = f.t2 + (m - n), *before = f.t1 + (m - n);
     float *mix = f.t3;
     for (int i = 0; i < n; i++) {
@@ -325,7 +311,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     // weights only while they do clearly better.
     afilt_part_gains(p, c, PROPORTIONATE_SHARE);
     afilt_echo_spectra(p, s, c, f.y_re, f.y_im, f.g_re, f.g_im, f.norm);
-    irfft_two(p, f.y_re, f.y_im, f.g_re, f.g_im, f.t2, f.t0, f.work); // the background's, the foreground's
+    eaec_irfft_pair(&p->fft, f.y_re, f.y_im, f.g_re, f.g_im, f.t2, f.t0, f.work); // the background's, the foreground's
     float *eb = f.t3, *e = f.t1;
     const float *yb = f.t2 + (m - n);
     float *yhat = f.t0 + (m - n);
@@ -426,7 +412,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
         for (int i = 0; i < m - n; i++)
             f.t2[i] = 0.0f;
         std::memcpy(f.t2 + (m - n), eb, sizeof(float) * size_t(n));
-        rfft_two(p, f.t2, block, f.g_re, f.g_im, f.es_re, f.es_im, f.work); // the analysis spectra are used
+        eaec_rfft_pair(&p->fft, f.t2, block, f.g_re, f.g_im, f.es_re, f.es_im, f.work); // the analysis spectra are used
         supp_step(p, c, f.mu);
         c->boost_frames = std::max(0, c->boost_frames - 1);
         unc_learn(p, c, f.mu, f.norm);
@@ -458,10 +444,10 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     if (far_active) {
         float *wr, *wi;
         afilt_constrain_rows(p, c, &wr, &wi);
-        irfft_two(p, f.h_re, f.h_im, wr, wi, f.t1, f.t2, f.work);
+        eaec_irfft_pair(&p->fft, f.h_re, f.h_im, wr, wi, f.t1, f.t2, f.work);
         min_phase_fold(p, f.t1);
         afilt_constrain_cut(p, f.t2);
-        rfft_two(p, f.t1, f.t2, f.h_re, f.h_im, wr, wi, f.work);
+        eaec_rfft_pair(&p->fft, f.t1, f.t2, f.h_re, f.h_im, wr, wi, f.work);
         afilt_constrain_done(p, c);
     } else {
         eaec_irfft(&p->fft, f.h_re, f.h_im, f.t1, f.work);
