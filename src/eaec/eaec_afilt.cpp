@@ -100,9 +100,13 @@ void afilt_part_gains(const eaec_params *p, eaec_chan *c, float share) noexcept
 void afilt_copy(const eaec_params *p, const float *from_re, const float *from_im, float *to_re,
                 float *to_im) noexcept
 {
-    const size_t bytes = sizeof(float) * size_t(p->npart * p->kpad);
-    std::memcpy(to_re, from_re, bytes);
-    std::memcpy(to_im, from_im, bytes);
+    // Four at a time (rows are kpad long): the library's memcpy may copy
+    // byte by byte with a string instruction.
+    const int n = p->npart * p->kpad;
+    for (int i = 0; i < n; i += 4) {
+        v4_store(to_re + i, v4_load(from_re + i));
+        v4_store(to_im + i, v4_load(from_im + i));
+    }
 }
 
 void afilt_constrain_rows(const eaec_params *p, eaec_chan *c, float **re, float **im) noexcept
@@ -113,8 +117,11 @@ void afilt_constrain_rows(const eaec_params *p, eaec_chan *c, float **re, float 
 
 void afilt_constrain_cut(const eaec_params *p, float *taps) noexcept
 {
-    for (int t = p->hop; t < p->nfft; t++)
+    int t = p->hop;
+    for (; t & 3; t++)
         taps[t] = 0.0f;
+    for (; t < p->nfft; t += 4)
+        v4_storeu(taps + t, v4_dup(0.0f));
 }
 
 void afilt_constrain_done(const eaec_params *p, eaec_chan *c) noexcept
