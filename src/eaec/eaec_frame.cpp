@@ -409,10 +409,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     std::memcpy(block + (m - n), e, sizeof(float) * size_t(n));
     std::memmove(c->e_hist, block + n, sizeof(float) * size_t(m - n));
     if (far_active) {
-        int i = 0;
-        for (; i + 4 <= m - n; i += 4)
-            v4_store(f.t2 + i, v4_dup(0.0f)); // not memset: it may store byte by byte
-        for (; i < m - n; i++)
+        for (int i = 0; i < m - n; i++)
             f.t2[i] = 0.0f;
         std::memcpy(f.t2 + (m - n), eb, sizeof(float) * size_t(n));
         eaec_rfft_pair(&p->fft, f.t2, block, f.g_re, f.g_im, f.es_re, f.es_im, f.work); // the analysis spectra are used
