@@ -11,11 +11,9 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_ch
 {
     const float *a_re = c->w_re, *a_im = c->w_im, *b_re = c->f_re, *b_im = c->f_im;
     const int kp = p->kpad, np = p->npart;
-    const float *xr_rows[EAEC_PART_MAX], *xa_rows[EAEC_PART_MAX];
-    for (int part = 0, slot = eaec_slot(p, s, 0); part < np; part++, slot = slot ? slot - 1 : p->nring - 1) {
-        xr_rows[part] = s->x_re + slot * kp;
-        xa_rows[part] = s->x_aux + slot * 3 * kp;
-    }
+    const float *rows[EAEC_PART_MAX];
+    for (int part = 0, slot = eaec_slot(p, s, 0); part < np; part++, slot = slot ? slot - 1 : p->nring - 1)
+        rows[part] = s->x_aux + slot * 4 * kp;
     const int kad = p->kadapt;
     for (int k = kad; k < kp; k += 4) {
         v4_store(ya_re + k, v4_dup(0.0f));
@@ -29,15 +27,15 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_ch
         gain[part] = v4_dup(c->part_gain[part]);
     // Bins outermost: the sums stay in registers across partitions. Each
     // product (a + ib)(u + iv) in three multiplications, from the far end's
-    // v - u, u + v and power made once when it entered the ring:
+    // u, v - u, u + v and power, made once when it entered the ring:
     // re = u (a + b) - b (u + v), im = u (a + b) + a (v - u).
     for (int k = 0; k < kad; k += 4) {
         v4 a1 = v4_dup(0.0f), a2 = a1, a3 = a1, b1 = a1, b2 = a1, b3 = a1, nrm = a1;
-        for (int part = 0; part < np; part++) {
+        const auto add = [&](int part) {
             const int o = part * kp + k;
-            const float *xa = xa_rows[part] + 3 * k;
-            const v4 u = v4_load(xr_rows[part] + k), dif = v4_load(xa), sum = v4_load(xa + 4);
-            nrm = v4_add(nrm, v4_mul(gain[part], v4_load(xa + 8)));
+            const float *x = rows[part] + 4 * k;
+            const v4 u = v4_load(x), dif = v4_load(x + 4), sum = v4_load(x + 8);
+            nrm = v4_add(nrm, v4_mul(gain[part], v4_load(x + 12)));
             const v4 war = v4_load(a_re + o), wai = v4_load(a_im + o), wbr = v4_load(b_re + o), wbi = v4_load(b_im + o);
             a1 = v4_add(a1, v4_mul(u, v4_add(war, wai)));
             a2 = v4_add(a2, v4_mul(war, dif));
@@ -45,7 +43,14 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_ch
             b1 = v4_add(b1, v4_mul(u, v4_add(wbr, wbi)));
             b2 = v4_add(b2, v4_mul(wbr, dif));
             b3 = v4_add(b3, v4_mul(wbi, sum));
+        };
+        int part = 0;
+        for (; part + 2 <= np; part += 2) { // two at a time: half the loop's own instructions
+            add(part);
+            add(part + 1);
         }
+        if (part < np)
+            add(part);
         v4_store(ya_re + k, v4_sub(a1, a3));
         v4_store(ya_im + k, v4_add(a1, a2));
         v4_store(yb_re + k, v4_sub(b1, b3));
