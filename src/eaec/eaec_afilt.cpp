@@ -70,14 +70,21 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
         const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
         const v4 f = v4_dup(c->part_gain[part]);
         v4 energy = v4_dup(0.0f);
-        for (int k = 0; k < p->kadapt; k += 4) {
+        const auto step = [&](int k) {
             const v4 u = v4_load(xr + k), v = v4_load(xi + k), gr = v4_load(g_re + k), gi = v4_load(g_im + k);
             const v4 nr = v4_add(v4_load(wr + k), v4_mul(f, v4_mma(u, gr, v, gi)));
             const v4 ni = v4_add(v4_load(wi + k), v4_mul(f, v4_mms(u, gi, v, gr)));
             v4_store(wr + k, nr);
             v4_store(wi + k, ni);
             energy = v4_add(energy, v4_mma(nr, nr, ni, ni));
+        };
+        int k = 0;
+        for (const int kad = p->kadapt; k + 8 <= kad; k += 8) { // eight bins a loop: half its own instructions
+            step(k);
+            step(k + 4);
         }
+        if (k < p->kadapt)
+            step(k);
         float lanes[4];
         v4_storeu(lanes, energy);
         c->part_norm[part] = std::sqrt((lanes[0] + lanes[1]) + (lanes[2] + lanes[3]));
