@@ -65,15 +65,20 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
     const int kp = p->kpad, np = p->npart;
     float total = 0.0f;
     int slot = eaec_slot(p, s, 0);
+    // conj(u + iv) G in three multiplications, as in the echo pass:
+    // re = u (gr + gi) + gi (v - u), im = u (gr + gi) - gr (u + v).
+    alignas(16) float g_sum[EAEC_KPAD_MAX];
+    for (int k = 0; k < p->kadapt; k += 4)
+        v4_store(g_sum + k, v4_add(v4_load(g_re + k), v4_load(g_im + k)));
     for (int part = 0; part < np; part++) {
         float *wr = c->w_re + part * kp, *wi = c->w_im + part * kp;
-        const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
+        const float *x = s->x_aux + slot * 4 * kp;
         const v4 f = v4_dup(c->part_gain[part]);
         v4 energy = v4_dup(0.0f);
         const auto step = [&](int k) {
-            const v4 u = v4_load(xr + k), v = v4_load(xi + k), gr = v4_load(g_re + k), gi = v4_load(g_im + k);
-            const v4 nr = v4_add(v4_load(wr + k), v4_mul(f, v4_mma(u, gr, v, gi)));
-            const v4 ni = v4_add(v4_load(wi + k), v4_mul(f, v4_mms(u, gi, v, gr)));
+            const v4 k1 = v4_mul(v4_load(g_sum + k), v4_load(x + 4 * k));
+            const v4 nr = v4_add(v4_load(wr + k), v4_mul(f, v4_add(k1, v4_mul(v4_load(g_im + k), v4_load(x + 4 * k + 4)))));
+            const v4 ni = v4_add(v4_load(wi + k), v4_mul(f, v4_sub(k1, v4_mul(v4_load(g_re + k), v4_load(x + 4 * k + 8)))));
             v4_store(wr + k, nr);
             v4_store(wi + k, ni);
             energy = v4_add(energy, v4_mma(nr, nr, ni, ni));
