@@ -317,19 +317,24 @@ void eaec_irfft(const eaec_fft_plan *p, const float *re, const float *im, float 
 }
 
 // Whether a[0..n-1] (n a multiple of 16) is all zeros; a NaN is not. It
-// stops at the first block of sixteen that is not: soon, for most signals.
+// stops at the first block of sixteen that is not: soon, for most signals;
+// the last block goes first, for a block of zeros followed by a frame.
 static bool silent(const float *a, int n) noexcept
 {
     const v4 zero = v4_dup(0.0f);
-    for (int k = 0; k < n; k += 16) {
+    const auto block_zero = [&](int k) {
         v4 sum = zero;
         for (int j = k; j < k + 16; j += 4) {
             const v4 u = v4_loadu(a + j);
             sum = v4_add(sum, v4_max(u, v4_sub(zero, u)));
         }
-        if (!(v4_hsum(sum) == 0.0f))
+        return v4_hsum(sum) == 0.0f;
+    };
+    if (!block_zero(n - 16))
+        return false;
+    for (int k = 0; k < n - 16; k += 16)
+        if (!block_zero(k))
             return false;
-    }
     return true;
 }
 
