@@ -255,7 +255,7 @@ void output_stage(const eaec_params *p, eaec_chan *c, const float *comfort, INT_
         v4_store(xr + k, v4_add(v4_mms(gr, ur, gi, ui), cr));
         v4_store(xi + k, v4_add(v4_mma(gr, ui, gi, ur), ci));
     }
-    eaec_irfft_pair(&p->fft, yr, yi, xr, xi, f.t2, f.t1, f.work);
+    eaec_irfft_pair(&p->fft, yr, yi, xr, xi, f.t2, f.t1, f.work, EAEC_KEEP_TAIL);
     const float *now = f.t2 + (m - n), *before = f.t1 + (m - n);
     // The cross-fade (r rises from 0 to 1 over the frame) and to_pcm, four
     // samples at a time.
@@ -320,7 +320,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     // weights only while they do clearly better.
     afilt_part_gains(p, c, PROPORTIONATE_SHARE);
     afilt_echo_spectra(p, s, c, f.y_re, f.y_im, f.g_re, f.g_im, f.norm);
-    eaec_irfft_pair(&p->fft, f.y_re, f.y_im, f.g_re, f.g_im, f.t2, f.t0, f.work); // the background's, the foreground's
+    eaec_irfft_pair(&p->fft, f.y_re, f.y_im, f.g_re, f.g_im, f.t2, f.t0, f.work, EAEC_KEEP_TAIL); // the background's, the foreground's
     float *eb = f.t3, *e = f.t1;
     const float *yb = f.t2 + (m - n);
     float *yhat = f.t0 + (m - n);
@@ -453,7 +453,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     if (far_active) {
         float *wr, *wi;
         afilt_constrain_rows(p, c, &wr, &wi);
-        eaec_irfft_pair(&p->fft, f.h_re, f.h_im, wr, wi, f.t1, f.t2, f.work);
+        eaec_irfft_pair(&p->fft, f.h_re, f.h_im, wr, wi, f.t1, f.t2, f.work, EAEC_KEEP_HEAD);
         min_phase_fold(p, f.t1);
         afilt_constrain_cut(p, f.t2);
         eaec_rfft_pair(&p->fft, f.t1, f.t2, f.h_re, f.h_im, wr, wi, f.work);
