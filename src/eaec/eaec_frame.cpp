@@ -391,7 +391,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
 
     // Digital silence (below one 16-bit step) leaves the noise estimate alone.
     const int mic_silent = en_d < float(n) * 1e-10f;
-    const supp_frame sf = supp_analyse(p, s, c, f.es_re, f.es_im, f.ys_re, f.ys_im, far_active, mic_silent, f.pe);
+    const supp_frame sf = supp_analyse(p, s, c, f.es_re, f.es_im, f.ys_re, f.ys_im, f.norm, far_active, mic_silent, f.pe);
     if (!std::isfinite(sf.sum_e + sf.sum_y + c->leak + c->err_fg + c->err_bg)) {
         // Nothing should get here; if it does, start the channel afresh
         // rather than stay silent.
