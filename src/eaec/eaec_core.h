@@ -121,6 +121,7 @@ struct eaec_state {
     uint32_t frames;
     int head;                         // ring slot of the newest far-end spectrum
     float *x_re, *x_im;               // nring rows of kpad: far-end spectra
+    float *x_aux;                     // nring rows of 4 kpad: per 4 bins, u, v - u, u + v and u^2 + v^2 of x = u + iv
     eaec_delay dl;
     float x_hist[EAEC_FFT_MAX];       // last M far-end samples
     float x_energy[EAEC_RING_MAX];    // far-end energy of each ring slot's frame
