@@ -400,7 +400,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
 
     // Digital silence (below one 16-bit step) leaves the noise estimate alone.
     const int mic_silent = en_d < float(n) * 1e-10f;
-    const supp_frame sf = supp_analyse(p, s, c, f.es_re, f.es_im, f.ys_re, f.ys_im, far_active, mic_silent, f.pe);
+    const supp_frame sf = supp_analyse(p, s, c, f.es_re, f.es_im, f.ys_re, f.ys_im, f.norm, far_active, mic_silent, f.pe);
     if (!std::isfinite(sf.sum_e + sf.sum_y + c->leak + c->err_fg + c->err_bg)) {
         // Nothing should get here; if it does, start the channel afresh
         // rather than stay silent.
@@ -525,7 +525,8 @@ int eaec_alloc_state(const eaec_params *p, eaec_state *s)
     const size_t ring = sizeof(float) * size_t(p->nring * p->kpad), row = sizeof(float) * size_t(p->npart * p->kpad);
     s->x_re = static_cast<float *>(eaec_calloc(ring));
     s->x_im = static_cast<float *>(eaec_calloc(ring));
-    if (!s->x_re || !s->x_im)
+    s->x_aux = static_cast<float *>(eaec_calloc(4 * ring));
+    if (!s->x_re || !s->x_im || !s->x_aux)
         return -1;
     for (int i = 0; i < p->nmic; i++) {
         auto *c = static_cast<eaec_chan *>(eaec_calloc(sizeof(eaec_chan)));
@@ -556,7 +557,8 @@ void eaec_free_state(const eaec_params *p, eaec_state *s)
     }
     eaec_free(s->x_re);
     eaec_free(s->x_im);
-    s->x_re = s->x_im = nullptr;
+    eaec_free(s->x_aux);
+    s->x_re = s->x_im = s->x_aux = nullptr;
 }
 
 void eaec_reset_state(const eaec_params *p, eaec_state *s)
@@ -567,6 +569,7 @@ void eaec_reset_state(const eaec_params *p, eaec_state *s)
     const size_t ring = sizeof(float) * size_t(p->nring * p->kpad);
     std::memset(s->x_re, 0, ring);
     std::memset(s->x_im, 0, ring);
+    std::memset(s->x_aux, 0, 4 * ring);
     std::memset(s->x_energy, 0, sizeof s->x_energy);
     delay_reset(&s->dl);
     for (int i = 0; i < p->nmic; i++)
@@ -581,7 +584,7 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
     const eaec_params *p = params;
     eaec_state *s = state;
     const frame_scratch f = borrow_scratch();
-    const int n = p->hop, m = p->nfft, kp = p->kpad, nb = p->nbin;
+    const int n = p->hop, m = p->nfft, kp = p->kpad;
 
     // Far end: the speaker channels mixed to one reference.
     std::memmove(s->x_hist, s->x_hist + n, sizeof(float) * size_t(m - n));
@@ -606,8 +609,15 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
         far_active |= s->x_energy[eaec_slot(p, s, part)] > p->far_active;
     float *xr = s->x_re + s->head * kp, *xi = s->x_im + s->head * kp, *xp = f.mu; // mu is not yet in use
     eaec_rfft(&p->fft, s->x_hist, xr, xi, f.work);
-    for (int k = 0; k < nb; k++)
-        xp[k] = xr[k] * xr[k] + xi[k] * xi[k];
+    float *xa = s->x_aux + s->head * 4 * kp;
+    for (int k = 0; k < kp; k += 4, xa += 16) {
+        const v4 u = v4_load(xr + k), v = v4_load(xi + k), pw = v4_mma(u, u, v, v);
+        v4_store(xa, u);
+        v4_store(xa + 4, v4_sub(v, u));
+        v4_store(xa + 8, v4_add(u, v));
+        v4_store(xa + 12, pw);
+        v4_store(xp + k, pw);
+    }
     delay_far(p, s, xp, energy > p->far_active);
 
     int delay = s->dl.delay;
