@@ -79,6 +79,11 @@ struct eaec_chan {
     alignas(16) float leak_bin[EAEC_KPAD_MAX];     // leak per bin (by bands)
     alignas(16) float unc[EAEC_KPAD_MAX];          // power gain of the echo path not learnt since a path change
     alignas(16) float unc_echo[EAEC_KPAD_MAX];     // ... times the far end: residual echo for the suppressor
+    alignas(16) float m_x[EAEC_KPAD_MAX];          // slow mean of the far end's power in the filter's window
+    float r_ex[EAEC_KPAD_MAX / 16 + 1], r_xx[EAEC_KPAD_MAX / 16 + 1]; // regression of the error on it, per band of 16 bins
+    float misadj[EAEC_KPAD_MAX / 16 + 1];          // its slope per band
+    alignas(16) float late[EAEC_KPAD_MAX];         // far-end power that has left the filter's window, decayed
+    alignas(16) float miss_echo[EAEC_KPAD_MAX];    // echo the window's estimate misses: beyond it, misadjustment
     alignas(16) float sxx[EAEC_LAGS][EAEC_KPAD_MAX];    // far-end power, per lag in frames
     alignas(16) float sxe_re[EAEC_LAGS][EAEC_KPAD_MAX]; // far-end/error cross spectrum
     alignas(16) float sxe_im[EAEC_LAGS][EAEC_KPAD_MAX];
@@ -91,6 +96,7 @@ struct eaec_chan {
     int boost_frames;                  // far-active frames left at the starting step size
     int harm_frames;                   // far-active frames both filters did harm in a row
     int fg_harm_frames;                // ... the foreground did
+    int better_frames;                 // echo-dominated frames in a row the background did clearly better
     int far_hold;                      // frames the far end still counts as talking
     uint32_t rng;                      // comfort noise
 };

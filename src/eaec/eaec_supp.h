@@ -5,7 +5,9 @@
 // end (found before the filter has converged and after a path change),
 // the echo of the part of a new path the filter has not learnt yet
 // (unc_echo, kept by the frame), a broadband floor (leak x the band's mean
-// |Y|^2) and leak x |Y|^2, where
+// |Y|^2) and leak x |Y|^2, plus the echo beyond the filter's window and
+// the filter's misadjustment (a regression on the window's far-end power),
+// where
 // leak is the regression
 // of the error's power fluctuations on the echo estimate's (near-end
 // speech does not move with the far-end, so it barely enters); noise by
@@ -28,8 +30,10 @@ struct supp_frame {
 // carries digital silence, so a paused stream does not empty it). pe receives |E|^2 per bin.
 // The error's part coherent with the far end (the newest far-end spectra
 // of the ring, at the best of EAEC_LAGS frame lags) goes to coh_echo.
+// xw: the far end's power in the filter's window per bin (the step's
+// normaliser); the echo beyond the window goes to late_echo.
 supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *e_re,
-                        const float *e_im, const float *y_re, const float *y_im, int far_active,
+                        const float *e_im, const float *y_re, const float *y_im, const float *xw, int far_active,
                         int mic_silent, float *pe) noexcept;
 // [rt] Step size per bin of the background filter into mu: the larger of
 // the leak's share of the error power and the error's coherence with the
