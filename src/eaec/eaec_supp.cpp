@@ -111,13 +111,13 @@ static void coherence(const eaec_params *p, const eaec_state *s, eaec_chan *c, c
     int best_lag = 0;
     for (int lag = 0; lag < EAEC_LAGS; lag++) {
         const int slot = eaec_slot(p, s, lag);
-        const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
+        const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp, *xa = s->x_aux + slot * 4 * kp;
         float *sxx = c->sxx[lag], *cr = c->sxe_re[lag], *ci = c->sxe_im[lag];
         v4 score = v4_dup(0.0f);
         for (int k = 0; k < kp; k += 4) {
             const v4 u = v4_load(xr + k), v = v4_load(xi + k), er = v4_load(e_re + k), ei = v4_load(e_im + k);
             const v4 a = v4_load(sxx + k), b = v4_load(cr + k), d = v4_load(ci + k);
-            const v4 na = v4_add(a, v4_mul(rate, v4_sub(v4_mma(u, u, v, v), a)));
+            const v4 na = v4_add(a, v4_mul(rate, v4_sub(v4_load(xa + 4 * k + 12), a))); // |x|^2, kept with the ring
             const v4 nb = v4_add(b, v4_mul(rate, v4_sub(v4_mma(u, er, v, ei), b)));
             const v4 nd = v4_add(d, v4_mul(rate, v4_sub(v4_mms(u, ei, v, er), d)));
             v4_store(sxx + k, na);
