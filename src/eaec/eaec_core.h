@@ -95,6 +95,7 @@ struct eaec_chan {
     int boost_frames;                  // far-active frames left at the starting step size
     int harm_frames;                   // far-active frames both filters did harm in a row
     int fg_harm_frames;                // ... the foreground did
+    int better_frames;                 // echo-dominated frames in a row the background did clearly better
     int far_hold;                      // frames the far end still counts as talking
     uint32_t rng;                      // comfort noise
 };

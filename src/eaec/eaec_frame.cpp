@@ -22,6 +22,7 @@ constexpr float TWO_PATH_BETTER = 0.7f; // background 1.5 dB better: copy it
 constexpr float TWO_PATH_WORSE = 8.0f;  // background 9 dB worse: reset it
 constexpr float TWO_PATH_HARM = 1.2f;   // both 0.8 dB above the microphone ...
 constexpr int TWO_PATH_HARM_FRAMES = 5; // ... for this many far-active frames: restart the background
+constexpr int BETTER_FRAMES = 3;       // echo-dominated frames in a row the background is 1.5 dB better: copy it
 constexpr int BOOST_FRAMES = 50;        // far-active frames of starting steps (start, path change)
 constexpr float LOCKED = 10.0f;         // the foreground takes 10 dB off the microphone
 constexpr float CANCELS = 2.0f;         // a filter takes 3 dB off it
@@ -346,8 +347,16 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
         c->err_bg += TWO_PATH_RATE * (en_b - c->err_bg);
         c->err_fg += TWO_PATH_RATE * (en_f - c->err_fg);
         c->err_mic += TWO_PATH_RATE * (en_d - c->err_mic);
-        if (c->err_bg < TWO_PATH_BETTER * c->err_fg && en_b < en_f) {
+        // In double talk both smoothed errors carry the near end, and a
+        // background that has learnt more in the near end's pauses never
+        // shows it there: its gain counts on the frames the echo dominates
+        // (the foreground takes 10 dB off the microphone), where it must
+        // hold for a few in a row.
+        if (en_f * LOCKED < en_d)
+            c->better_frames = en_b < TWO_PATH_BETTER * en_f ? c->better_frames + 1 : 0;
+        if ((c->err_bg < TWO_PATH_BETTER * c->err_fg && en_b < en_f) || c->better_frames >= BETTER_FRAMES) {
             afilt_copy(p, c->w_re, c->w_im, c->f_re, c->f_im);
+            c->better_frames = 0;
             c->err_fg = c->err_bg;
             for (int i = 0; i < n; i++) {
                 yhat[i] += e[i] - eb[i];
