@@ -82,7 +82,8 @@ struct eaec_chan {
     alignas(16) float m_x[EAEC_KPAD_MAX];          // slow mean of the far end's power in the filter's window
     float r_ex[EAEC_KPAD_MAX / 16 + 1], r_xx[EAEC_KPAD_MAX / 16 + 1]; // regression of the error on it, per band of 16 bins
     float misadj[EAEC_KPAD_MAX / 16 + 1];          // its slope per band
-    alignas(16) float gap[EAEC_KPAD_MAX];          // |background's - foreground's echo estimate|^2 this frame
+    alignas(16) float late[EAEC_KPAD_MAX];         // far-end power that has left the filter's window, decayed
+    alignas(16) float miss_echo[EAEC_KPAD_MAX];    // echo the window's estimate misses: beyond it, misadjustment
     alignas(16) float sxx[EAEC_LAGS][EAEC_KPAD_MAX];    // far-end power, per lag in frames
     alignas(16) float sxe_re[EAEC_LAGS][EAEC_KPAD_MAX]; // far-end/error cross spectrum
     alignas(16) float sxe_im[EAEC_LAGS][EAEC_KPAD_MAX];

@@ -312,12 +312,6 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     // weights only while they do clearly better.
     afilt_part_gains(p, c, PROPORTIONATE_SHARE);
     afilt_echo_spectra(p, s, c, f.y_re, f.y_im, f.g_re, f.g_im, f.norm);
-    // Where the two filters disagree, at least one of them is wrong: the
-    // suppressor counts their difference as residual echo.
-    for (int k = 0; k < p->kpad; k += 4) {
-        const v4 dr = v4_sub(v4_load(f.y_re + k), v4_load(f.g_re + k)), di = v4_sub(v4_load(f.y_im + k), v4_load(f.g_im + k));
-        v4_store(c->gap + k, v4_mma(dr, dr, di, di));
-    }
     eaec_irfft_pair(&p->fft, f.y_re, f.y_im, f.g_re, f.g_im, f.t2, f.t0, f.work); // the background's, the foreground's
     float *eb = f.t3, *e = f.t1;
     const float *yb = f.t2 + (m - n);
@@ -452,7 +446,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     }
 
     c->far_hold = far_active ? FAR_HANGOVER : std::max(0, c->far_hold - 1);
-    supp_gain(p, c, f.gain, f.pe, f.norm, c->far_hold > 0);
+    supp_gain(p, c, f.gain, f.pe, c->far_hold > 0);
     // The output filter's design; while the filter adapts, its constraint
     // shares the transforms.
     min_phase_log(p, f.gain, f.h_re, f.h_im);

@@ -35,22 +35,65 @@ constexpr float COH_WEIGHT = 4.0f;
 // weak: a floor of leak x the mean echo estimate over the band, weighted
 // up like the per-bin estimates (tanh saturation: 28 -> 40 dB ERLE).
 constexpr float SPREAD = 256.0f;
+// Echo beyond the filter's window (see late_echo): the decay per frame is
+// measured over LATE_SPAN partitions and taken at most LATE_DECAY_MAX
+// (-0.7 dB a frame, RT60 about 850 ms: the last partitions of a short room
+// hold only the filter's noise, which does not decay); weighted up like
+// the other estimates (room B over eight signals: ERLE +0.4 dB, double-talk
+// leak -1 dB).
+constexpr int LATE_SPAN = 4;
+constexpr float LATE_DECAY_MAX = 0.85f;
+constexpr float LATE_WEIGHT = 2.0f;
 // The filter's misadjustment: the regression of the error's power
 // fluctuations on those of the far end's power in the window (weighted as
 // the step's normaliser), by bands like the leak. Its weight trades ERLE
 // against near-end loss in double talk (0.3: ERLE +4.7 / +3.6 dB over
 // eight signals, the loss at most 1.96 dB; 1.0: +8.8 / +8.2 dB, 2.8 dB).
 constexpr float MISADJ_WEIGHT = 0.3f;
-// Double talk throws the background off and, through a copy, sometimes
-// the foreground: where the two filters' echo estimates differ, the
-// difference is residual echo of one of them. Capped at a share of the
-// echo estimate, or it takes the near end where the near end has pulled
-// the background (room B over eight signals: worst double-talk leak
-// -31.7 -> -36.2 dB, ERLE +2.4 dB; uncapped the loss reaches 2.5 dB).
-constexpr float GAP_WEIGHT = 16.0f;
-constexpr float GAP_CAP = 0.02f;
 constexpr float ECHO_OVER_NOISE = 1.0f; // residual echo the floor lets through, re the noise
 } // namespace
+
+// Echo the window's estimate misses, into miss_echo. Beyond the window
+// the reverberation goes on decaying past its last partition: the far
+// end's power that leaves the window feeds a one-pole recursion whose
+// factor is the decay per frame of the background's last partitions;
+// times the power gain of the window's last partitions (band means: a
+// room's late gain is smooth across the spectrum) it is the late echo the
+// filter cannot cancel. The filter's misadjustment goes with the far
+// end's power in the window (xw), by the band's regression slope.
+static void missed_echo(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *xw) noexcept
+{
+    const int kp = p->kpad, np = p->npart;
+    float a = 0.0f;
+    if (np >= 2 * LATE_SPAN) {
+        float last = 0.0f, prev = 0.0f;
+        for (int part = np - LATE_SPAN; part < np; part++)
+            last += c->part_norm[part] * c->part_norm[part];
+        for (int part = np - 2 * LATE_SPAN; part < np - LATE_SPAN; part++)
+            prev += c->part_norm[part] * c->part_norm[part];
+        if (prev > TINY && last < prev)
+            a = std::min(LATE_DECAY_MAX, std::pow(last / prev, 1.0f / float(LATE_SPAN)));
+    }
+    const int slot = eaec_slot(p, s, np);
+    const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
+    const float *fr = c->f_re + (np - 1) * kp, *fi = c->f_im + (np - 1) * kp;
+    const v4 va = v4_dup(a), ref = v4_dup(LATE_WEIGHT / float(LEAK_BAND));
+    for (int k0 = 0, band = 0; k0 < kp; k0 += LEAK_BAND, band++) {
+        const int k1 = std::min(kp, k0 + LEAK_BAND);
+        v4 g = v4_dup(0.0f);
+        for (int k = k0; k < k1; k += 4) {
+            const v4 ar = v4_load(fr + k), ai = v4_load(fi + k);
+            g = v4_add(g, v4_mma(ar, ar, ai, ai));
+        }
+        const v4 gain = v4_mul(ref, v4_dup(v4_hsum(g))), mis = v4_dup(MISADJ_WEIGHT * c->misadj[band]);
+        for (int k = k0; k < k1; k += 4) {
+            const v4 u = v4_load(xr + k), v = v4_load(xi + k);
+            const v4 r = v4_mul(va, v4_add(v4_load(c->late + k), v4_mma(u, u, v, v)));
+            v4_store(c->late + k, r);
+            v4_store(c->miss_echo + k, v4_mma(gain, r, mis, v4_load(xw + k)));
+        }
+    }
+}
 
 // Cross spectra of the far end at lags 0..EAEC_LAGS-1 frames with the
 // error; the lag whose coherent part is largest names the residual echo.
@@ -171,6 +214,7 @@ supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c,
         }
     }
     coherence(p, s, c, e_re, e_im, far_active);
+    missed_echo(p, s, c, xw);
     if (mic_silent)
         return f;
     const v4 fall = v4_dup(NOISE_FALL), rise = v4_dup(NOISE_RISE), lift = v4_dup(1e-16f);
@@ -197,7 +241,7 @@ void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept
     }
 }
 
-void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe, const float *xw, int far_near) noexcept
+void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe, int far_near) noexcept
 {
     const int kp = p->kpad, nb = p->nbin;
     // While the far end talks (and a little after), everything left of
@@ -207,7 +251,7 @@ void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe, c
     const v4 fe = v4_dup(p->floor_echo * lower), fn = v4_dup(p->floor_noise * lower), tiny = v4_dup(TINY), one = v4_dup(1.0f);
     const v4 zero = v4_dup(0.0f), lw = v4_dup(LEAK_WEIGHT), cw = v4_dup(COH_WEIGHT);
     const v4 dd = v4_dup(DD_MEMORY), dd1 = v4_dup(1.0f - DD_MEMORY), deep = v4_dup(ECHO_OVER_NOISE);
-    const v4 nbias = v4_dup(NOISE_BIAS), gw = v4_dup(GAP_WEIGHT), gcap = v4_dup(GAP_CAP);
+    const v4 nbias = v4_dup(NOISE_BIAS);
     v4 syy = zero;
     for (int k = 0; k < kp; k += 4)
         syy = v4_add(syy, v4_load(c->s_yy + k));
@@ -216,12 +260,8 @@ void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe, c
         const v4 s_ee = v4_load(c->s_ee + k), noise = v4_mul(nbias, v4_load(c->noise + k));
         const v4 echo0 = v4_max(v4_max(v4_max(v4_mul(v4_mul(lw, v4_load(c->leak_bin + k)), v4_load(c->s_yy + k)),
                                                v4_mul(cw, v4_load(c->coh_echo + k))), spread), v4_load(c->unc_echo + k));
-        // Added: the filter's misadjustment, which goes with the far end's
-        // power in the window rather than with the echo estimate, and the
-        // two filters' disagreement, at most a share of the echo estimate.
-        const v4 mis = v4_mul(v4_dup(MISADJ_WEIGHT * c->misadj[k / LEAK_BAND]), v4_load(xw + k));
-        const v4 gap = v4_min(v4_mul(gw, v4_load(c->gap + k)), v4_mul(gcap, v4_load(c->s_yy + k)));
-        const v4 echo = v4_min(v4_add(v4_add(echo0, gap), mis), s_ee);
+        // Added: the echo the window's estimate misses (see missed_echo).
+        const v4 echo = v4_min(v4_add(echo0, v4_load(c->miss_echo + k)), s_ee);
         const v4 interf = v4_add(v4_add(echo, noise), tiny);
         const v4 post = v4_div(v4_load(pe + k), interf);
         const v4 prio = v4_add(v4_mul(dd, v4_load(c->snr_prev + k)), v4_mul(dd1, v4_max(v4_sub(post, one), zero)));

@@ -5,9 +5,9 @@
 // end (found before the filter has converged and after a path change),
 // the echo of the part of a new path the filter has not learnt yet
 // (unc_echo, kept by the frame), a broadband floor (leak x the band's mean
-// |Y|^2) and leak x |Y|^2, plus the filter's misadjustment (a regression
-// on the far end's power in the filter's window) and the difference of the
-// two filters' echo estimates (gap, kept by the frame), where
+// |Y|^2) and leak x |Y|^2, plus the echo beyond the filter's window and
+// the filter's misadjustment (a regression on the window's far-end power),
+// where
 // leak is the regression
 // of the error's power fluctuations on the echo estimate's (near-end
 // speech does not move with the far-end, so it barely enters); noise by
@@ -31,7 +31,7 @@ struct supp_frame {
 // The error's part coherent with the far end (the newest far-end spectra
 // of the ring, at the best of EAEC_LAGS frame lags) goes to coh_echo.
 // xw: the far end's power in the filter's window per bin (the step's
-// normaliser), on which the misadjustment's regression runs.
+// normaliser); the echo beyond the window goes to late_echo.
 supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *e_re,
                         const float *e_im, const float *y_re, const float *y_im, const float *xw, int far_active,
                         int mic_silent, float *pe) noexcept;
@@ -44,5 +44,5 @@ void supp_step(const eaec_params *p, const eaec_chan *c, float *mu) noexcept;
 // [rt] The suppression gain (amplitude) per bin into gain; pe is used up
 // (it holds the comfort noise power afterwards, in analysis units). Every
 // per-bin array is kpad long and 16-byte aligned.
-// xw as for supp_analyse. far_near: the far end is talking or was a moment ago.
-void supp_gain(const eaec_params *p, eaec_chan *c, float *gain, float *pe, const float *xw, int far_near) noexcept;
+// far_near: the far end is talking or was a moment ago.
+void supp_gain(const eaec_params *p, eaec_chan *c, float *gain, float *pe, int far_near) noexcept;
