@@ -2,6 +2,7 @@
 
 #include "eaec/eaec_v4.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <initializer_list>
@@ -11,9 +12,11 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_ch
 {
     const float *a_re = c->w_re, *a_im = c->w_im, *b_re = c->f_re, *b_im = c->f_im;
     const int kp = p->kpad, np = p->npart;
-    const float *rows[EAEC_PART_MAX];
-    for (int part = 0, slot = eaec_slot(p, s, 0); part < np; part++, slot = slot ? slot - 1 : p->nring - 1)
-        rows[part] = s->x_aux + slot * 4 * kp;
+    // The window's slots run down from the first partition's, wrapping once
+    // at most: partitions [0, np1) from x_first down, the rest from the
+    // ring's last slot down.
+    const int slot0 = eaec_slot(p, s, 0), np1 = std::min(np, slot0 + 1), step = 4 * kp;
+    const float *x_first = s->x_aux + slot0 * step, *x_wrap = s->x_aux + (p->nring - 1) * step;
     const int kad = p->kadapt;
     for (int k = kad; k < kp; k += 4) {
         v4_store(ya_re + k, v4_dup(0.0f));
@@ -31,9 +34,8 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_ch
     // re = u (a + b) - b (u + v), im = u (a + b) + a (v - u).
     for (int k = 0; k < kad; k += 4) {
         v4 a1 = v4_dup(0.0f), a2 = a1, a3 = a1, b1 = a1, b2 = a1, b3 = a1, nrm = a1;
-        const auto add = [&](int part) {
+        const auto add = [&](int part, const float *x) {
             const int o = part * kp + k;
-            const float *x = rows[part] + 4 * k;
             const v4 u = v4_load(x), dif = v4_load(x + 4), sum = v4_load(x + 8);
             nrm = v4_add(nrm, v4_mul(gain[part], v4_load(x + 12)));
             const v4 war = v4_load(a_re + o), wai = v4_load(a_im + o), wbr = v4_load(b_re + o), wbi = v4_load(b_im + o);
@@ -45,12 +47,16 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_ch
             b3 = v4_add(b3, v4_mul(wbi, sum));
         };
         int part = 0;
-        for (; part + 2 <= np; part += 2) { // two at a time: half the loop's own instructions
-            add(part);
-            add(part + 1);
-        }
-        if (part < np)
-            add(part);
+        const auto run = [&](const float *x, int end) {
+            for (; part + 2 <= end; part += 2, x -= 2 * step) { // two at a time: half the loop's own instructions
+                add(part, x);
+                add(part + 1, x - step);
+            }
+            if (part < end)
+                add(part++, x);
+        };
+        run(x_first + 4 * k, np1);
+        run(x_wrap + 4 * k, np);
         v4_store(ya_re + k, v4_sub(a1, a3));
         v4_store(ya_im + k, v4_add(a1, a2));
         v4_store(yb_re + k, v4_sub(b1, b3));

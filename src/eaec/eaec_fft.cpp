@@ -109,12 +109,17 @@ struct split_in {
     void load(int k, cv *v) const noexcept { *v = {v4_loadu(r + k), v4_loadu(i + k)}; }
 };
 struct split_io {
+    static constexpr eaec_keep keep = EAEC_KEEP_ALL;
     float *r, *i;
     void store(int k, cv v) const noexcept
     {
         v4_storeu(r + k, v.r);
         v4_storeu(i + k, v.i);
     }
+};
+// split_io of which the last stage writes only the outputs K asks for.
+template <eaec_keep K> struct split_io_keep : split_io {
+    static constexpr eaec_keep keep = K;
 };
 // Real signal read as complex points (even samples real, odd imaginary).
 struct pairs_in {
@@ -123,6 +128,7 @@ struct pairs_in {
 };
 // Complex points written as a real signal, real and imaginary swapped.
 struct swapped_pairs_out {
+    static constexpr eaec_keep keep = EAEC_KEEP_ALL;
     float *x;
     void store(int k, cv v) const noexcept { v4_store_pairs(x + 2 * k, v.i, v.r); }
 };
@@ -177,12 +183,18 @@ void stage(const float *xr, const float *xi, float *yr, float *yi, const float *
     }
 }
 
-// The final stage: R points at stride S, no twiddles.
+// The final stage: R points at stride S, no twiddles. Output k lies in
+// [k S, (k + 1) S): the first half and one more are k <= R/2, the second
+// half k >= R/2; the others (and their arithmetic) are left out.
 template <int R, int S, class Out> void last_stage(const float *xr, const float *xi, Out out) noexcept
 {
     for (int q = 0; q < S; q += 4)
         dft<R>([&](int j) { return cv{v4_load(xr + q + j * S), v4_load(xi + q + j * S)}; },
-               [&](int k, cv v) { out.store(q + k * S, v); });
+               [&](int k, cv v) {
+                   if ((Out::keep == EAEC_KEEP_HEAD && k > R / 2) || (Out::keep == EAEC_KEEP_TAIL && k < R / 2))
+                       return;
+                   out.store(q + k * S, v);
+               });
 }
 
 // Out for a forward transform whose result stays in the work area.
@@ -317,19 +329,24 @@ void eaec_irfft(const eaec_fft_plan *p, const float *re, const float *im, float 
 }
 
 // Whether a[0..n-1] (n a multiple of 16) is all zeros; a NaN is not. It
-// stops at the first block of sixteen that is not: soon, for most signals.
+// stops at the first block of sixteen that is not: soon, for most signals;
+// the last block goes first, for a block of zeros followed by a frame.
 static bool silent(const float *a, int n) noexcept
 {
     const v4 zero = v4_dup(0.0f);
-    for (int k = 0; k < n; k += 16) {
+    const auto block_zero = [&](int k) {
         v4 sum = zero;
         for (int j = k; j < k + 16; j += 4) {
             const v4 u = v4_loadu(a + j);
             sum = v4_add(sum, v4_max(u, v4_sub(zero, u)));
         }
-        if (!(v4_hsum(sum) == 0.0f))
+        return v4_hsum(sum) == 0.0f;
+    };
+    if (!block_zero(n - 16))
+        return false;
+    for (int k = 0; k < n - 16; k += 16)
+        if (!block_zero(k))
             return false;
-    }
     return true;
 }
 
@@ -385,7 +402,7 @@ void eaec_rfft_pair(const eaec_fft_plan *p, const float *x, const float *y, floa
 // Z = X + i Y over all n bins (Z[n-k] from the conjugates), transformed
 // back: x and y are its real and imaginary parts.
 void eaec_irfft_pair(const eaec_fft_plan *p, const float *x_re, const float *x_im, const float *y_re,
-                     const float *y_im, float *x, float *y, float *work) noexcept
+                     const float *y_im, float *x, float *y, float *work, eaec_keep keep) noexcept
 {
     const int n = p->n, h = p->half;
     for (int j = 0; j < 2; j++) {
@@ -421,5 +438,11 @@ void eaec_irfft_pair(const eaec_fft_plan *p, const float *x_re, const float *x_i
         ar[n - k] = (y_re[k] - x_im[k]) * sc;
         ai[n - k] = (x_re[k] + y_im[k]) * sc;
     }
-    cfft(p, p->cx_full, split_in{ar, ai}, split_io{work + 2 * n, work + 3 * n}, split_io{ar, ai}, split_io{y, x});
+    const split_io a{work + 2 * n, work + 3 * n}, b{ar, ai};
+    if (keep == EAEC_KEEP_HEAD)
+        cfft(p, p->cx_full, split_in{ar, ai}, a, b, split_io_keep<EAEC_KEEP_HEAD>{{y, x}});
+    else if (keep == EAEC_KEEP_TAIL)
+        cfft(p, p->cx_full, split_in{ar, ai}, a, b, split_io_keep<EAEC_KEEP_TAIL>{{y, x}});
+    else
+        cfft(p, p->cx_full, split_in{ar, ai}, a, b, split_io{y, x});
 }

@@ -49,6 +49,10 @@ void eaec_irfft(const eaec_fft_plan *p, const float *re, const float *im, float 
 // other's size; a member that is all zeros comes out exactly zero.
 void eaec_rfft_pair(const eaec_fft_plan *p, const float *x, const float *y, float *x_re, float *x_im, float *y_re,
                     float *y_im, float *work) noexcept;
+// The samples of x and y that eaec_irfft_pair must deliver: all, the first
+// half and one more ([0, n/2]), or the second half ([n/2, n)); the others
+// are left as they were or undefined (the last stage skips their outputs).
+enum eaec_keep { EAEC_KEEP_ALL, EAEC_KEEP_HEAD, EAEC_KEEP_TAIL };
 // [rt] eaec_irfft of two spectra in one complex transform, likewise.
 void eaec_irfft_pair(const eaec_fft_plan *p, const float *x_re, const float *x_im, const float *y_re,
-                     const float *y_im, float *x, float *y, float *work) noexcept;
+                     const float *y_im, float *x, float *y, float *work, eaec_keep keep = EAEC_KEEP_ALL) noexcept;

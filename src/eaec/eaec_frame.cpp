@@ -256,15 +256,24 @@ void output_stage(const eaec_params *p, eaec_chan *c, const float *comfort, INT_
         v4_store(xr + k, v4_add(v4_mms(gr, ur, gi, ui), cr));
         v4_store(xi + k, v4_add(v4_mma(gr, ui, gi, ur), ci));
     }
-    eaec_irfft_pair(&p->fft, yr, yi, xr, xi, f.t2, f.t1, f.work);
+    eaec_irfft_pair(&p->fft, yr, yi, xr, xi, f.t2, f.t1, f.work, EAEC_KEEP_TAIL);
     const float *now = f.t2 + (m - n), *before = f.t1 + (m - n);
-    float *mix = f.t3;
-    for (int i = 0; i < n; i++) {
-        const float r = p->window[i] * p->window[i]; // rises from 0 to 1 over the frame
-        mix[i] = (before[i] + r * (now[i] - before[i])) * PCM_OUT;
+    // The cross-fade (r rises from 0 to 1 over the frame) and to_pcm, four
+    // samples at a time.
+    const v4 lo = v4_dup(-32768.0f), hi = v4_dup(32767.0f), below = v4_dup(-32769.0f), zero = v4_dup(0.0f);
+    const v4 half = v4_dup(0.5f), mhalf = v4_dup(-0.5f), scale = v4_dup(PCM_OUT);
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        const v4 w = v4_loadu(p->window + i), b = v4_loadu(before + i);
+        const v4 s = v4_mul(v4_add(b, v4_mul(v4_mul(w, w), v4_sub(v4_loadu(now + i), b))), scale);
+        const v4 x = v4_select_lt(s, lo, lo, s), y = v4_select_lt(hi, x, hi, x); // NaN stays NaN
+        const v4 c = v4_select_lt(below, y, y, zero);                            // and becomes 0
+        v4_store_i16(out + i, v4_add(c, v4_select_lt(c, zero, mhalf, half)));
     }
-    for (int i = 0; i < n; i++)
-        out[i] = to_pcm(mix[i]);
+    for (; i < n; i++) {
+        const float r = p->window[i] * p->window[i];
+        out[i] = to_pcm((before[i] + r * (now[i] - before[i])) * PCM_OUT);
+    }
     std::memcpy(c->h_re, f.h_re, sizeof(float) * size_t(p->kpad));
     std::memcpy(c->h_im, f.h_im, sizeof(float) * size_t(p->kpad));
 }
@@ -312,7 +321,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     // weights only while they do clearly better.
     afilt_part_gains(p, c, PROPORTIONATE_SHARE);
     afilt_echo_spectra(p, s, c, f.y_re, f.y_im, f.g_re, f.g_im, f.norm);
-    eaec_irfft_pair(&p->fft, f.y_re, f.y_im, f.g_re, f.g_im, f.t2, f.t0, f.work); // the background's, the foreground's
+    eaec_irfft_pair(&p->fft, f.y_re, f.y_im, f.g_re, f.g_im, f.t2, f.t0, f.work, EAEC_KEEP_TAIL); // the background's, the foreground's
     float *eb = f.t3, *e = f.t1;
     const float *yb = f.t2 + (m - n);
     float *yhat = f.t0 + (m - n);
@@ -453,7 +462,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     if (far_active) {
         float *wr, *wi;
         afilt_constrain_rows(p, c, &wr, &wi);
-        eaec_irfft_pair(&p->fft, f.h_re, f.h_im, wr, wi, f.t1, f.t2, f.work);
+        eaec_irfft_pair(&p->fft, f.h_re, f.h_im, wr, wi, f.t1, f.t2, f.work, EAEC_KEEP_HEAD);
         min_phase_fold(p, f.t1);
         afilt_constrain_cut(p, f.t2);
         eaec_rfft_pair(&p->fft, f.t1, f.t2, f.h_re, f.h_im, wr, wi, f.work);

@@ -4,6 +4,7 @@
 // the u forms and the (de)interleaving ones take any float pointer.
 #pragma once
 #include <cmath>
+#include <cstdint>
 #if defined(__ARM_NEON)
 #include <arm_neon.h>
 typedef float32x4_t v4;
@@ -49,6 +50,8 @@ inline void v4_store_pairs(float *dst, v4 even, v4 odd) noexcept
     vst2q_f32(dst, q);
 }
 inline v4 v4_min(v4 a, v4 b) noexcept { return vminq_f32(a, b); }
+// The four lanes, truncated towards zero, as 16-bit values (lanes in range).
+inline void v4_store_i16(int16_t *dst, v4 v) noexcept { vst1_s16(dst, vmovn_s32(vcvtq_s32_f32(v))); }
 inline v4 v4_max(v4 a, v4 b) noexcept { return vmaxq_f32(a, b); }
 // a < b ? x : y, lane by lane.
 inline v4 v4_select_lt(v4 a, v4 b, v4 x, v4 y) noexcept { return vbslq_f32(vcltq_f32(a, b), x, y); }
@@ -70,8 +73,8 @@ inline v4 v4_sqrt(v4 x) noexcept
     r = vmulq_f32(r, vrsqrtsq_f32(vmulq_f32(x, r), r));
     return vbslq_f32(vcgtq_f32(x, vdupq_n_f32(0.0f)), vmulq_f32(x, r), vdupq_n_f32(0.0f));
 }
-#elif defined(__SSE__)
-#include <xmmintrin.h>
+#elif defined(__SSE2__)
+#include <emmintrin.h>
 typedef __m128 v4;
 inline v4 v4_load(const float *p) noexcept { return _mm_load_ps(p); }
 inline void v4_store(float *p, v4 v) noexcept { _mm_store_ps(p, v); }
@@ -103,6 +106,11 @@ inline void v4_store_pairs(float *dst, v4 even, v4 odd) noexcept
     _mm_storeu_ps(dst + 4, _mm_unpackhi_ps(even, odd));
 }
 inline v4 v4_min(v4 a, v4 b) noexcept { return _mm_min_ps(a, b); }
+inline void v4_store_i16(int16_t *dst, v4 v) noexcept
+{
+    const __m128i i = _mm_cvttps_epi32(v);
+    _mm_storel_epi64(reinterpret_cast<__m128i *>(dst), _mm_packs_epi32(i, i));
+}
 inline v4 v4_max(v4 a, v4 b) noexcept { return _mm_max_ps(a, b); }
 inline v4 v4_select_lt(v4 a, v4 b, v4 x, v4 y) noexcept
 {
@@ -162,6 +170,11 @@ inline void v4_store_pairs(float *dst, v4 even, v4 odd) noexcept
     }
 }
 inline v4 v4_min(v4 a, v4 b) noexcept { return v4_map(a, b, [](float x, float y) { return x < y ? x : y; }); }
+inline void v4_store_i16(int16_t *dst, v4 v) noexcept
+{
+    for (int i = 0; i < 4; i++)
+        dst[i] = int16_t(int(v.l[i]));
+}
 inline v4 v4_max(v4 a, v4 b) noexcept { return v4_map(a, b, [](float x, float y) { return x > y ? x : y; }); }
 inline v4 v4_select_lt(v4 a, v4 b, v4 x, v4 y) noexcept
 {

@@ -1,4 +1,5 @@
 #include "eaec/eaec_fft.h"
+#include "eaec/eaec_v4.h"
 
 #include <cmath>
 #include <complex>
@@ -9,7 +10,7 @@
 // Two signals through the single transforms (j = 0, 1) and the pair (j = 2,
 // 3) against a direct transform in double precision, then back; at 512 points
 // the second is silence, exactly zero from the pair too. On the board: the
-// NEON kernels against plain arithmetic.
+// NEON kernels against plain arithmetic, and the output's 16-bit conversion.
 TEST(EaecFft, MatchesDirectTransformAndInverts)
 {
     eaec_fft_plan plan{};
@@ -48,4 +49,8 @@ TEST(EaecFft, MatchesDirectTransformAndInverts)
             for (size_t t = 0; t < size_t(n); t++)
                 ASSERT_NEAR(y[j][t], x[j % 2][t], n == 512 && j % 2 ? 0.0f : 1e-6f) << n << " inverse " << j << " sample " << t;
     }
+    alignas(16) const float in[4] = {-32768.0f, -2.7f, 2.7f, 32767.0f};
+    int16_t out[4];
+    v4_store_i16(out, v4_load(in)); // towards zero
+    EXPECT_EQ(std::vector<int16_t>(out, out + 4), (std::vector<int16_t>{-32768, -2, 2, 32767}));
 }
