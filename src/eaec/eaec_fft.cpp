@@ -68,19 +68,22 @@ inline void dft4(cv *x, int s) noexcept
 // them are held in registers at once (sixteen vectors would not fit): the
 // even outputs are a DFT of four of the sums x[j] + x[j + 4]; the odd ones
 // of the differences (loaded again) turned by w8^j, with the turns by -i
-// and (+-1 - i)/sqrt 2 written out. ld(j) gives x[j]; st(k, X[k]).
-template <class Ld, class St> inline void dft8(Ld ld, St st) noexcept
+// and (+-1 - i)/sqrt 2 written out. ld(j) gives x[j]; st(k, X[k]). H:
+// x[4..7] are zero (not loaded, no sums or differences with them).
+template <bool H, class Ld, class St> inline void dft8(Ld ld, St st) noexcept
 {
+    const auto plus = [&](int j) { return H ? ld(j) : cadd(ld(j), ld(j + 4)); };
+    const auto minus = [&](int j) { return H ? ld(j) : csub(ld(j), ld(j + 4)); };
     {
-        cv e[4] = {cadd(ld(0), ld(4)), cadd(ld(1), ld(5)), cadd(ld(2), ld(6)), cadd(ld(3), ld(7))};
+        cv e[4] = {plus(0), plus(1), plus(2), plus(3)};
         dft4(e, 1);
         for (int r = 0; r < 4; r++)
             st(2 * r, e[r]);
     }
     const v4 h = v4_dup(0.70710678118654752f);
-    const cv d0 = csub(ld(0), ld(4)), d2 = csub(ld(2), ld(6));
+    const cv d0 = minus(0), d2 = minus(2);
     const cv sp = {v4_add(d0.r, d2.i), v4_sub(d0.i, d2.r)}, sm = {v4_sub(d0.r, d2.i), v4_add(d0.i, d2.r)};
-    const cv d1 = csub(ld(1), ld(5)), d3 = csub(ld(3), ld(7));
+    const cv d1 = minus(1), d3 = minus(3);
     const v4 pr = v4_sub(d1.r, d3.r), qi = v4_add(d1.i, d3.i), rr = v4_add(d1.r, d3.r), si = v4_sub(d1.i, d3.i);
     const cv tp = {v4_mul(h, v4_add(pr, qi)), v4_mul(h, v4_sub(si, rr))};
     const cv tm = {v4_mul(h, v4_add(rr, si)), v4_mul(h, v4_sub(qi, pr))};
@@ -90,11 +93,18 @@ template <class Ld, class St> inline void dft8(Ld ld, St st) noexcept
     st(7, cv{v4_sub(sm.r, tm.i), v4_add(sm.i, tm.r)});
 }
 
-// The DFT of R points: ld(j) gives x[j]; st(k, X[k]).
-template <int R, class Ld, class St> inline void dft(Ld ld, St st) noexcept
+// The DFT of R points: ld(j) gives x[j]; st(k, X[k]). H: the second half
+// of the points is zero.
+template <int R, bool H = false, class Ld, class St> inline void dft(Ld ld, St st) noexcept
 {
     if constexpr (R == 8) {
-        dft8(ld, st);
+        dft8<H>(ld, st);
+    } else if constexpr (H) { // dft4 with x[2] = x[3] = 0
+        const cv a = ld(0), b = ld(1);
+        st(0, cadd(a, b));
+        st(1, cv{v4_add(a.r, b.i), v4_sub(a.i, b.r)});
+        st(2, csub(a, b));
+        st(3, cv{v4_sub(a.r, b.i), v4_add(a.i, b.r)});
     } else {
         cv x[4] = {ld(0), ld(1), ld(2), ld(3)};
         dft4(x, 1);
@@ -105,8 +115,13 @@ template <int R, class Ld, class St> inline void dft(Ld ld, St st) noexcept
 
 // Where the first stage reads and the last one writes.
 struct split_in {
+    static constexpr bool head = false;
     const float *r, *i;
     void load(int k, cv *v) const noexcept { *v = {v4_loadu(r + k), v4_loadu(i + k)}; }
+};
+// split_in of which only points [0, n/2] may be nonzero.
+struct split_in_head : split_in {
+    static constexpr bool head = true;
 };
 struct split_io {
     static constexpr eaec_keep keep = EAEC_KEEP_ALL;
@@ -123,6 +138,7 @@ template <eaec_keep K> struct split_io_keep : split_io {
 };
 // Real signal read as complex points (even samples real, odd imaginary).
 struct pairs_in {
+    static constexpr bool head = false;
     const float *x;
     void load(int k, cv *v) const noexcept { v4_load_deinterleaved(x + 2 * k, &v->r, &v->i); }
 };
@@ -150,7 +166,12 @@ template <int R, int M, class In> void first_stage(In in, float *yr, float *yi, 
         const auto st = [&](int k, cv v) {
             x[k] = k == 0 ? v : cmul(v, v4_load(tw + (2 * k - 2) * M + p), v4_load(tw + (2 * k - 1) * M + p));
         };
-        dft<R>(ld, st);
+        // Past the first four p, the points j >= R/2 (from p + n/2 on) are
+        // zero when only the first half and one may be nonzero.
+        if (In::head && p > 0)
+            dft<R, true>(ld, st);
+        else
+            dft<R>(ld, st);
         for (int k = 0; k < R; k += 4) {
             v4_transpose(x[k].r, x[k + 1].r, x[k + 2].r, x[k + 3].r);
             v4_transpose(x[k].i, x[k + 1].i, x[k + 2].i, x[k + 3].i);
@@ -361,7 +382,7 @@ static void zero_spectrum(float *re, float *im, int h) noexcept
 
 // Z = X + i Y: X[k] = (Z[k] + conj Z[n-k]) / 2, Y[k] = (Z[k] - conj Z[n-k]) / 2i.
 void eaec_rfft_pair(const eaec_fft_plan *p, const float *x, const float *y, float *x_re, float *x_im, float *y_re,
-                    float *y_im, float *work) noexcept
+                    float *y_im, float *work, eaec_keep support) noexcept
 {
     const int n = p->n, h = p->half;
     for (int j = 0; j < 2; j++) {
@@ -371,9 +392,9 @@ void eaec_rfft_pair(const eaec_fft_plan *p, const float *x, const float *y, floa
             return;
         }
     }
-    const split_io z = cfft(p, p->cx_full, split_in{x, y},
-                            split_io{work, work + n}, split_io{work + 2 * n, work + 3 * n},
-                            to_spare{});
+    const split_io a{work, work + n}, b{work + 2 * n, work + 3 * n};
+    const split_io z = support == EAEC_KEEP_HEAD ? cfft(p, p->cx_full, split_in_head{{x, y}}, a, b, to_spare{})
+                                                 : cfft(p, p->cx_full, split_in{x, y}, a, b, to_spare{});
     const float *zr = z.r, *zi = z.i;
     for (int k : {0, h}) {
         x_re[k] = zr[k];

@@ -44,15 +44,17 @@ void eaec_rfft(const eaec_fft_plan *p, const float *x, float *re, float *im, flo
 // [rt] Inverse of eaec_rfft (scaled by 1/n): re/im[0..n/2] into x[0..n-1].
 // The imaginary parts of bins 0 and n/2 are ignored.
 void eaec_irfft(const eaec_fft_plan *p, const float *re, const float *im, float *x, float *work) noexcept;
+// A part of the n samples of a pair's two signals: all, the first half and
+// one more ([0, n/2]), or the second half ([n/2, n)).
+enum eaec_keep { EAEC_KEEP_ALL, EAEC_KEEP_HEAD, EAEC_KEEP_TAIL };
 // [rt] eaec_rfft of x and of y in one complex transform (x, y and the
 // outputs need not be aligned). Each result carries rounding noise of the
-// other's size; a member that is all zeros comes out exactly zero.
+// other's size; a member that is all zeros comes out exactly zero. support
+// EAEC_KEEP_HEAD: x and y are zero past n/2 (the first stage skips them).
 void eaec_rfft_pair(const eaec_fft_plan *p, const float *x, const float *y, float *x_re, float *x_im, float *y_re,
-                    float *y_im, float *work) noexcept;
-// The samples of x and y that eaec_irfft_pair must deliver: all, the first
-// half and one more ([0, n/2]), or the second half ([n/2, n)); the others
-// are left as they were or undefined (the last stage skips their outputs).
-enum eaec_keep { EAEC_KEEP_ALL, EAEC_KEEP_HEAD, EAEC_KEEP_TAIL };
-// [rt] eaec_irfft of two spectra in one complex transform, likewise.
+                    float *y_im, float *work, eaec_keep support = EAEC_KEEP_ALL) noexcept;
+// [rt] eaec_irfft of two spectra in one complex transform, likewise. keep:
+// the samples of x and y it must deliver; the others are left as they were
+// or undefined (the last stage skips their outputs).
 void eaec_irfft_pair(const eaec_fft_plan *p, const float *x_re, const float *x_im, const float *y_re,
                      const float *y_im, float *x, float *y, float *work, eaec_keep keep = EAEC_KEEP_ALL) noexcept;

@@ -465,7 +465,7 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
         eaec_irfft_pair(&p->fft, f.h_re, f.h_im, wr, wi, f.t1, f.t2, f.work, EAEC_KEEP_HEAD);
         min_phase_fold(p, f.t1);
         afilt_constrain_cut(p, f.t2);
-        eaec_rfft_pair(&p->fft, f.t1, f.t2, f.h_re, f.h_im, wr, wi, f.work);
+        eaec_rfft_pair(&p->fft, f.t1, f.t2, f.h_re, f.h_im, wr, wi, f.work, EAEC_KEEP_HEAD); // both zero past m/2
         afilt_constrain_done(p, c);
     } else {
         eaec_irfft(&p->fft, f.h_re, f.h_im, f.t1, f.work);

@@ -75,7 +75,7 @@ static void missed_echo(const eaec_params *p, const eaec_state *s, eaec_chan *c,
             a = std::min(LATE_DECAY_MAX, std::pow(last / prev, 1.0f / float(LATE_SPAN)));
     }
     const int slot = eaec_slot(p, s, np);
-    const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
+    const float *xa = s->x_aux + slot * 4 * kp; // |x|^2 at + 12 of every 16 floats
     const float *fr = c->f_re + (np - 1) * kp, *fi = c->f_im + (np - 1) * kp;
     const v4 va = v4_dup(a), ref = v4_dup(LATE_WEIGHT / float(LEAK_BAND));
     for (int k0 = 0, band = 0; k0 < kp; k0 += LEAK_BAND, band++) {
@@ -87,8 +87,7 @@ static void missed_echo(const eaec_params *p, const eaec_state *s, eaec_chan *c,
         }
         const v4 gain = v4_mul(ref, v4_dup(v4_hsum(g))), mis = v4_dup(MISADJ_WEIGHT * c->misadj[band]);
         for (int k = k0; k < k1; k += 4) {
-            const v4 u = v4_load(xr + k), v = v4_load(xi + k);
-            const v4 r = v4_mul(va, v4_add(v4_load(c->late + k), v4_mma(u, u, v, v)));
+            const v4 r = v4_mul(va, v4_add(v4_load(c->late + k), v4_load(xa + 4 * k + 12)));
             v4_store(c->late + k, r);
             v4_store(c->miss_echo + k, v4_mma(gain, r, mis, v4_load(xw + k)));
         }
@@ -111,13 +110,13 @@ static void coherence(const eaec_params *p, const eaec_state *s, eaec_chan *c, c
     int best_lag = 0;
     for (int lag = 0; lag < EAEC_LAGS; lag++) {
         const int slot = eaec_slot(p, s, lag);
-        const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp;
+        const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp, *xa = s->x_aux + slot * 4 * kp;
         float *sxx = c->sxx[lag], *cr = c->sxe_re[lag], *ci = c->sxe_im[lag];
         v4 score = v4_dup(0.0f);
         for (int k = 0; k < kp; k += 4) {
             const v4 u = v4_load(xr + k), v = v4_load(xi + k), er = v4_load(e_re + k), ei = v4_load(e_im + k);
             const v4 a = v4_load(sxx + k), b = v4_load(cr + k), d = v4_load(ci + k);
-            const v4 na = v4_add(a, v4_mul(rate, v4_sub(v4_mma(u, u, v, v), a)));
+            const v4 na = v4_add(a, v4_mul(rate, v4_sub(v4_load(xa + 4 * k + 12), a))); // |x|^2, kept with the ring
             const v4 nb = v4_add(b, v4_mul(rate, v4_sub(v4_mma(u, er, v, ei), b)));
             const v4 nd = v4_add(d, v4_mul(rate, v4_sub(v4_mms(u, ei, v, er), d)));
             v4_store(sxx + k, na);
