@@ -149,13 +149,14 @@ constexpr float GAIN_MIN = 1e-5f; // -100 dB: below every configured floor
 // exponentiated. A short causal filter, so applying it adds no delay.
 // Three steps around the caller's transforms: the log gain into h (then
 // an inverse transform to the cepstrum t), the fold of t (then a forward
-// transform back into h), and the exponential of h.
-void min_phase_log(const eaec_params *p, const float *gain, float *h_re, float *h_im) noexcept
+// transform back into h), and the exponential of h. The log gain is real:
+// its imaginary part is no_phase.
+alignas(16) constexpr float no_phase[EAEC_KPAD_MAX] = {};
+void min_phase_log(const eaec_params *p, const float *gain, float *h_re) noexcept
 {
     for (int k = 0; k < p->kpad; k++) {
         const float g = gain[k];
         h_re[k] = fast_ln(g > GAIN_MIN ? (g < 1.0f ? g : 1.0f) : GAIN_MIN);
-        h_im[k] = 0.0f;
     }
 }
 
@@ -458,17 +459,17 @@ int process_channel(const eaec_params *p, eaec_state *s, eaec_chan *c, const sho
     supp_gain(p, c, f.gain, f.pe, c->far_hold > 0);
     // The output filter's design; while the filter adapts, its constraint
     // shares the transforms.
-    min_phase_log(p, f.gain, f.h_re, f.h_im);
+    min_phase_log(p, f.gain, f.h_re);
     if (far_active) {
         float *wr, *wi;
         afilt_constrain_rows(p, c, &wr, &wi);
-        eaec_irfft_pair(&p->fft, f.h_re, f.h_im, wr, wi, f.t1, f.t2, f.work, EAEC_KEEP_HEAD);
+        eaec_irfft_pair(&p->fft, f.h_re, no_phase, wr, wi, f.t1, f.t2, f.work, EAEC_KEEP_HEAD);
         min_phase_fold(p, f.t1);
         afilt_constrain_cut(p, f.t2);
         eaec_rfft_pair(&p->fft, f.t1, f.t2, f.h_re, f.h_im, wr, wi, f.work, EAEC_KEEP_HEAD); // both zero past m/2
         afilt_constrain_done(p, c);
     } else {
-        eaec_irfft(&p->fft, f.h_re, f.h_im, f.t1, f.work);
+        eaec_irfft(&p->fft, f.h_re, no_phase, f.t1, f.work);
         min_phase_fold(p, f.t1);
         eaec_rfft(&p->fft, f.t1, f.h_re, f.h_im, f.work);
     }
