@@ -17,7 +17,13 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_ch
     // ring's last slot down.
     const int slot0 = eaec_slot(p, s, 0), np1 = std::min(np, slot0 + 1), step = 4 * kp;
     const float *x_first = s->x_aux + slot0 * step, *x_wrap = s->x_aux + (p->nring - 1) * step;
-    const int kad = p->kadapt;
+    // A window over digital silence (every sample of the frames its far-end
+    // spectra were made from is zero) leaves both estimates and the
+    // normaliser at zero: no pass, the far end often pauses.
+    int quiet = 1;
+    for (int part = 0, frames = np + (p->nfft + p->hop - 1) / p->hop - 1; part < frames && quiet; part++)
+        quiet = s->x_energy[eaec_slot(p, s, part)] == 0.0f;
+    const int kad = quiet ? 0 : p->kadapt;
     for (int k = kad; k < kp; k += 4) {
         v4_store(ya_re + k, v4_dup(0.0f));
         v4_store(ya_im + k, v4_dup(0.0f));
