@@ -387,7 +387,10 @@ void eaec_rfft_pair(const eaec_fft_plan *p, const float *x, const float *y, floa
     const int n = p->n, h = p->half;
     for (int j = 0; j < 2; j++) {
         if (silent(j ? y : x, n)) {
-            eaec_rfft(p, j ? x : y, j ? x_re : y_re, j ? x_im : y_im, work);
+            if (!j && silent(y, n)) // both: no transform at all
+                zero_spectrum(y_re, y_im, h);
+            else
+                eaec_rfft(p, j ? x : y, j ? x_re : y_re, j ? x_im : y_im, work);
             zero_spectrum(j ? y_re : x_re, j ? y_im : x_im, h);
             return;
         }
@@ -426,13 +429,20 @@ void eaec_irfft_pair(const eaec_fft_plan *p, const float *x_re, const float *x_i
                      const float *y_im, float *x, float *y, float *work, eaec_keep keep) noexcept
 {
     const int n = p->n, h = p->half;
-    for (int j = 0; j < 2; j++) {
-        const float *re = j ? y_re : x_re, *im = j ? y_im : x_im; // im[0], im[h] do not count
-        bool zero = re[h] == 0.0f && silent(re, h) && silent(im + 16, h - 16);
+    const auto zero = [&](const float *re, const float *im) { // im[0], im[h] do not count
+        bool z = re[h] == 0.0f && silent(re, h) && silent(im + 16, h - 16);
         for (int k = 1; k < 16; k++)
-            zero = zero && im[k] == 0.0f;
-        if (zero) {
-            eaec_irfft(p, j ? x_re : y_re, j ? x_im : y_im, j ? x : y, work);
+            z = z && im[k] == 0.0f;
+        return z;
+    };
+    for (int j = 0; j < 2; j++) {
+        if (zero(j ? y_re : x_re, j ? y_im : x_im)) {
+            if (!j && zero(y_re, y_im)) { // both: no transform at all
+                for (int t = 0; t < n; t++)
+                    y[t] = 0.0f;
+            } else {
+                eaec_irfft(p, j ? x_re : y_re, j ? x_im : y_im, j ? x : y, work);
+            }
             for (int t = 0; t < n; t++)
                 (j ? y : x)[t] = 0.0f;
             return;
