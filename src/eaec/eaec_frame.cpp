@@ -618,7 +618,19 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
     for (int part = 0; part <= (s->dl.delay > 0 ? EAEC_DELAY_MARGIN : 0); part++)
         far_active |= s->x_energy[eaec_slot(p, s, part)] > p->far_active;
     float *xr = s->x_re + s->head * kp, *xi = s->x_im + s->head * kp, *xp = f.mu; // mu is not yet in use
-    eaec_rfft(&p->fft, s->x_hist, xr, xi, f.work);
+    // The last M samples all zero (digital silence, as far as frame energies
+    // tell): the spectrum is zero without a transform.
+    int quiet = 1;
+    for (int back = 0, slot = s->head; back < (m + n - 1) / n && quiet; back++, slot = slot ? slot - 1 : p->nring - 1)
+        quiet = s->x_energy[slot] == 0.0f;
+    if (quiet) {
+        for (int k = 0; k < kp; k += 4) {
+            v4_store(xr + k, v4_dup(0.0f));
+            v4_store(xi + k, v4_dup(0.0f));
+        }
+    } else {
+        eaec_rfft(&p->fft, s->x_hist, xr, xi, f.work);
+    }
     float *xa = s->x_aux + s->head * 4 * kp;
     for (int k = 0; k < kp; k += 4, xa += 16) {
         const v4 u = v4_load(xr + k), v = v4_load(xi + k), pw = v4_mma(u, u, v, v);
