@@ -17,13 +17,23 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_ch
     // ring's last slot down.
     const int slot0 = eaec_slot(p, s, 0), np1 = std::min(np, slot0 + 1), step = 4 * kp;
     const float *x_first = s->x_aux + slot0 * step, *x_wrap = s->x_aux + (p->nring - 1) * step;
-    // A window over digital silence (every sample of the frames its far-end
-    // spectra were made from is zero) leaves both estimates and the
-    // normaliser at zero: no pass, the far end often pauses.
-    int quiet = 1;
-    for (int part = 0, frames = np + (p->nfft + p->hop - 1) / p->hop - 1; part < frames && quiet; part++)
-        quiet = s->x_energy[eaec_slot(p, s, part)] == 0.0f;
-    const int kad = quiet ? 0 : p->kadapt;
+    // A partition whose far-end spectrum was made from digital silence
+    // (every sample of its frames zero) adds nothing: the far end often
+    // pauses. Over a window of silence there is no pass at all; with some
+    // of it the pass takes the others from a list.
+    const int hist = (p->nfft + p->hop - 1) / p->hop; // frames a spectrum spans
+    int act[EAEC_PART_MAX], nact = 0;
+    const float *act_x[EAEC_PART_MAX];
+    for (int part = 0; part < np; part++) {
+        bool silent = true;
+        for (int f = part; f < part + hist && silent; f++)
+            silent = s->x_energy[eaec_slot(p, s, f)] == 0.0f;
+        if (!silent) {
+            act_x[nact] = s->x_aux + eaec_slot(p, s, part) * step;
+            act[nact++] = part;
+        }
+    }
+    const int kad = nact ? p->kadapt : 0;
     for (int k = kad; k < kp; k += 4) {
         v4_store(ya_re + k, v4_dup(0.0f));
         v4_store(ya_im + k, v4_dup(0.0f));
@@ -52,17 +62,22 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_ch
             b2 = v4_add(b2, v4_mul(wbr, dif));
             b3 = v4_add(b3, v4_mul(wbi, sum));
         };
-        int part = 0;
-        const auto run = [&](const float *x, int end) {
-            for (; part + 2 <= end; part += 2, x -= 2 * step) { // two at a time: half the loop's own instructions
-                add(part, x);
-                add(part + 1, x - step);
-            }
-            if (part < end)
-                add(part++, x);
-        };
-        run(x_first + 4 * k, np1);
-        run(x_wrap + 4 * k, np);
+        if (nact == np) {
+            int part = 0;
+            const auto run = [&](const float *x, int end) {
+                for (; part + 2 <= end; part += 2, x -= 2 * step) { // two at a time: half the loop's own instructions
+                    add(part, x);
+                    add(part + 1, x - step);
+                }
+                if (part < end)
+                    add(part++, x);
+            };
+            run(x_first + 4 * k, np1);
+            run(x_wrap + 4 * k, np);
+        } else {
+            for (int i = 0; i < nact; i++)
+                add(act[i], act_x[i] + 4 * k);
+        }
         v4_store(ya_re + k, v4_sub(a1, a3));
         v4_store(ya_im + k, v4_add(a1, a2));
         v4_store(yb_re + k, v4_sub(b1, b3));
