@@ -95,6 +95,7 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
     // conj(u + iv) G in three multiplications, as in the echo pass:
     // re = u (gr + gi) + gi (v - u), im = u (gr + gi) - gr (u + v).
     alignas(16) float g_sum[EAEC_KPAD_MAX];
+    const int hist = (p->nfft + p->hop - 1) / p->hop; // frames a far-end spectrum spans
     for (int k = 0; k < p->kadapt; k += 4)
         v4_store(g_sum + k, v4_add(v4_load(g_re + k), v4_load(g_im + k)));
     for (int part = 0; part < np; part++) {
@@ -110,7 +111,18 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
             v4_store(wi + k, ni);
             energy = v4_add(energy, v4_mma(nr, nr, ni, ni));
         };
+        // A far-end spectrum made from digital silence changes nothing (as in
+        // the echo pass): only the partition's norm is taken.
+        bool silent = true;
+        for (int fr = part; fr < part + hist && silent; fr++)
+            silent = s->x_energy[eaec_slot(p, s, fr)] == 0.0f;
         int k = 0;
+        if (silent) {
+            for (; k < p->kadapt; k += 4) {
+                const v4 nr = v4_load(wr + k), ni = v4_load(wi + k);
+                energy = v4_add(energy, v4_mma(nr, nr, ni, ni));
+            }
+        }
         for (const int kad = p->kadapt; k + 8 <= kad; k += 8) { // eight bins a loop: half its own instructions
             step(k);
             step(k + 4);
