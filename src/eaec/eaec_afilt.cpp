@@ -16,20 +16,17 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_ch
     // at most: partitions [0, np1) from x_first down, the rest from the
     // ring's last slot down.
     const int slot0 = eaec_slot(p, s, 0), np1 = std::min(np, slot0 + 1), step = 4 * kp;
-    const float *x_first = s->x_aux + slot0 * step, *x_wrap = s->x_aux + (p->nring - 1) * step;
+    const float *x_first = eaec_aux_row(p, s, slot0), *x_wrap = eaec_aux_row(p, s, p->nring - 1);
     // A partition whose far-end spectrum was made from digital silence
     // (every sample of its frames zero) adds nothing: the far end often
     // pauses. Over a window of silence there is no pass at all; with some
     // of it the pass takes the others from a list.
-    const int hist = (p->nfft + p->hop - 1) / p->hop; // frames a spectrum spans
     int act[EAEC_PART_MAX], nact = 0;
     const float *act_x[EAEC_PART_MAX];
     for (int part = 0; part < np; part++) {
-        bool silent = true;
-        for (int f = part; f < part + hist && silent; f++)
-            silent = s->x_energy[eaec_slot(p, s, f)] == 0.0f;
-        if (!silent) {
-            act_x[nact] = s->x_aux + eaec_slot(p, s, part) * step;
+        const int slot = eaec_slot(p, s, part);
+        if (!eaec_slot_silent(p, s, slot)) {
+            act_x[nact] = eaec_aux_row(p, s, slot);
             act[nact++] = part;
         }
     }
@@ -53,7 +50,7 @@ void afilt_echo_spectra(const eaec_params *p, const eaec_state *s, const eaec_ch
         const auto add = [&](int part, const float *x) {
             const int o = part * kp + k;
             const v4 u = v4_load(x), dif = v4_load(x + 4), sum = v4_load(x + 8);
-            nrm = v4_add(nrm, v4_mul(gain[part], v4_load(x + 12)));
+            nrm = v4_add(nrm, v4_mul(gain[part], v4_load(x + EAEC_AUX_POW)));
             const v4 war = v4_load(a_re + o), wai = v4_load(a_im + o), wbr = v4_load(b_re + o), wbi = v4_load(b_im + o);
             a1 = v4_add(a1, v4_mul(u, v4_add(war, wai)));
             a2 = v4_add(a2, v4_mul(war, dif));
@@ -95,12 +92,11 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
     // conj(u + iv) G in three multiplications, as in the echo pass:
     // re = u (gr + gi) + gi (v - u), im = u (gr + gi) - gr (u + v).
     alignas(16) float g_sum[EAEC_KPAD_MAX];
-    const int hist = (p->nfft + p->hop - 1) / p->hop; // frames a far-end spectrum spans
     for (int k = 0; k < p->kadapt; k += 4)
         v4_store(g_sum + k, v4_add(v4_load(g_re + k), v4_load(g_im + k)));
     for (int part = 0; part < np; part++) {
         float *wr = c->w_re + part * kp, *wi = c->w_im + part * kp;
-        const float *x = s->x_aux + slot * 4 * kp;
+        const float *x = eaec_aux_row(p, s, slot);
         const v4 f = v4_dup(c->part_gain[part]);
         v4 energy = v4_dup(0.0f);
         const auto step = [&](int k) {
@@ -113,11 +109,8 @@ int afilt_update(const eaec_params *p, const eaec_state *s, eaec_chan *c, const 
         };
         // A far-end spectrum made from digital silence changes nothing (as in
         // the echo pass): only the partition's norm is taken.
-        bool silent = true;
-        for (int fr = part; fr < part + hist && silent; fr++)
-            silent = s->x_energy[eaec_slot(p, s, fr)] == 0.0f;
         int k = 0;
-        if (silent) {
+        if (eaec_slot_silent(p, s, slot)) {
             for (; k < p->kadapt; k += 4) {
                 const v4 nr = v4_load(wr + k), ni = v4_load(wi + k);
                 energy = v4_add(energy, v4_mma(nr, nr, ni, ni));

@@ -146,6 +146,22 @@ inline int eaec_slot(const eaec_params *p, const eaec_state *s, int part) noexce
     const int i = s->head - s->dl.delay - part;
     return i >= 0 ? i : i + p->nring;
 }
+// The far-end operands of a ring slot (x_aux): per 4 bins 16 floats, four
+// lanes each of u, v - u, u + v and |x|^2; the power at EAEC_AUX_POW.
+inline constexpr int EAEC_AUX_POW = 12;
+inline float *eaec_aux_row(const eaec_params *p, const eaec_state *s, int slot) noexcept
+{
+    return s->x_aux + slot * 4 * p->kpad;
+}
+// The far-end spectrum of a ring slot was made from digital silence: every
+// frame its M samples span (the slot's and the ones before) has zero energy.
+inline bool eaec_slot_silent(const eaec_params *p, const eaec_state *s, int slot) noexcept
+{
+    for (int back = 0; back < (p->nfft + p->hop - 1) / p->hop; back++, slot = slot ? slot - 1 : p->nring - 1)
+        if (s->x_energy[slot] != 0.0f)
+            return false;
+    return true;
+}
 
 // [sup] Band edges and starting values of the delay estimator.
 void delay_derive(eaec_params *p);

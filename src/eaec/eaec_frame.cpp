@@ -620,10 +620,7 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
     float *xr = s->x_re + s->head * kp, *xi = s->x_im + s->head * kp, *xp = f.mu; // mu is not yet in use
     // The last M samples all zero (digital silence, as far as frame energies
     // tell): the spectrum is zero without a transform.
-    int quiet = 1;
-    for (int back = 0, slot = s->head; back < (m + n - 1) / n && quiet; back++, slot = slot ? slot - 1 : p->nring - 1)
-        quiet = s->x_energy[slot] == 0.0f;
-    if (quiet) {
+    if (eaec_slot_silent(p, s, s->head)) {
         for (int k = 0; k < kp; k += 4) {
             v4_store(xr + k, v4_dup(0.0f));
             v4_store(xi + k, v4_dup(0.0f));
@@ -631,13 +628,13 @@ void eaec_processframe(const HANDLE_EAEC_PARAMS params, HANDLE_EAEC_STATE state,
     } else {
         eaec_rfft(&p->fft, s->x_hist, xr, xi, f.work);
     }
-    float *xa = s->x_aux + s->head * 4 * kp;
+    float *xa = eaec_aux_row(p, s, s->head);
     for (int k = 0; k < kp; k += 4, xa += 16) {
         const v4 u = v4_load(xr + k), v = v4_load(xi + k), pw = v4_mma(u, u, v, v);
         v4_store(xa, u);
         v4_store(xa + 4, v4_sub(v, u));
         v4_store(xa + 8, v4_add(u, v));
-        v4_store(xa + 12, pw);
+        v4_store(xa + EAEC_AUX_POW, pw);
         v4_store(xp + k, pw);
     }
     delay_far(p, s, xp, energy > p->far_active);

@@ -35,7 +35,7 @@ constexpr float COH_WEIGHT = 4.0f;
 // weak: a floor of leak x the mean echo estimate over the band, weighted
 // up like the per-bin estimates (tanh saturation: 28 -> 40 dB ERLE).
 constexpr float SPREAD = 256.0f;
-// Echo beyond the filter's window (see late_echo): the decay per frame is
+// Echo beyond the filter's window (see missed_echo): the decay per frame is
 // measured over LATE_SPAN partitions and taken at most LATE_DECAY_MAX
 // (-0.7 dB a frame, RT60 about 850 ms: the last partitions of a short room
 // hold only the filter's noise, which does not decay); weighted up like
@@ -75,7 +75,7 @@ static void missed_echo(const eaec_params *p, const eaec_state *s, eaec_chan *c,
             a = std::min(LATE_DECAY_MAX, std::pow(last / prev, 1.0f / float(LATE_SPAN)));
     }
     const int slot = eaec_slot(p, s, np);
-    const float *xa = s->x_aux + slot * 4 * kp; // |x|^2 at + 12 of every 16 floats
+    const float *xa = eaec_aux_row(p, s, slot) + EAEC_AUX_POW; // |x|^2: 4 of every 16 floats
     const float *fr = c->f_re + (np - 1) * kp, *fi = c->f_im + (np - 1) * kp;
     const v4 va = v4_dup(a), ref = v4_dup(LATE_WEIGHT / float(LEAK_BAND));
     for (int k0 = 0, band = 0; k0 < kp; k0 += LEAK_BAND, band++) {
@@ -87,7 +87,7 @@ static void missed_echo(const eaec_params *p, const eaec_state *s, eaec_chan *c,
         }
         const v4 gain = v4_mul(ref, v4_dup(v4_hsum(g))), mis = v4_dup(MISADJ_WEIGHT * c->misadj[band]);
         for (int k = k0; k < k1; k += 4) {
-            const v4 r = v4_mul(va, v4_add(v4_load(c->late + k), v4_load(xa + 4 * k + 12)));
+            const v4 r = v4_mul(va, v4_add(v4_load(c->late + k), v4_load(xa + 4 * k)));
             v4_store(c->late + k, r);
             v4_store(c->miss_echo + k, v4_mma(gain, r, mis, v4_load(xw + k)));
         }
@@ -110,13 +110,13 @@ static void coherence(const eaec_params *p, const eaec_state *s, eaec_chan *c, c
     int best_lag = 0;
     for (int lag = 0; lag < EAEC_LAGS; lag++) {
         const int slot = eaec_slot(p, s, lag);
-        const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp, *xa = s->x_aux + slot * 4 * kp;
+        const float *xr = s->x_re + slot * kp, *xi = s->x_im + slot * kp, *xa = eaec_aux_row(p, s, slot) + EAEC_AUX_POW;
         float *sxx = c->sxx[lag], *cr = c->sxe_re[lag], *ci = c->sxe_im[lag];
         v4 score = v4_dup(0.0f);
         for (int k = 0; k < kp; k += 4) {
             const v4 u = v4_load(xr + k), v = v4_load(xi + k), er = v4_load(e_re + k), ei = v4_load(e_im + k);
             const v4 a = v4_load(sxx + k), b = v4_load(cr + k), d = v4_load(ci + k);
-            const v4 na = v4_add(a, v4_mul(rate, v4_sub(v4_load(xa + 4 * k + 12), a))); // |x|^2, kept with the ring
+            const v4 na = v4_add(a, v4_mul(rate, v4_sub(v4_load(xa + 4 * k), a))); // |x|^2, kept with the ring
             const v4 nb = v4_add(b, v4_mul(rate, v4_sub(v4_mma(u, er, v, ei), b)));
             const v4 nd = v4_add(d, v4_mul(rate, v4_sub(v4_mms(u, ei, v, er), d)));
             v4_store(sxx + k, na);
@@ -259,7 +259,7 @@ void supp_gain(const eaec_params *p, eaec_chan *c, float *gain_out, float *pe, i
         const v4 s_ee = v4_load(c->s_ee + k), noise = v4_mul(nbias, v4_load(c->noise + k));
         const v4 echo0 = v4_max(v4_max(v4_max(v4_mul(v4_mul(lw, v4_load(c->leak_bin + k)), v4_load(c->s_yy + k)),
                                                v4_mul(cw, v4_load(c->coh_echo + k))), spread), v4_load(c->unc_echo + k));
-        // Added: the echo the window's estimate misses (see missed_echo).
+        // Plus the echo the window's estimate misses (see missed_echo).
         const v4 echo = v4_min(v4_add(echo0, v4_load(c->miss_echo + k)), s_ee);
         const v4 interf = v4_add(v4_add(echo, noise), tiny);
         const v4 post = v4_div(v4_load(pe + k), interf);

@@ -31,7 +31,7 @@ struct supp_frame {
 // The error's part coherent with the far end (the newest far-end spectra
 // of the ring, at the best of EAEC_LAGS frame lags) goes to coh_echo.
 // xw: the far end's power in the filter's window per bin (the step's
-// normaliser); the echo beyond the window goes to late_echo.
+// normaliser); the echo the window's estimate misses goes to miss_echo.
 supp_frame supp_analyse(const eaec_params *p, const eaec_state *s, eaec_chan *c, const float *e_re,
                         const float *e_im, const float *y_re, const float *y_im, const float *xw, int far_active,
                         int mic_silent, float *pe) noexcept;
